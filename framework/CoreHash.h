@@ -1,0 +1,66 @@
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// Hashing shared by every value type and collection: 32-bit hashes with a 32-bit seed, mixed with
+// the murmur3 finaliser. Constants are fixed so that table layouts, dumps and traces reproduce.
+namespace Core {
+
+constexpr uint32_t hashMix(uint32_t h) {
+  h ^= h >> 16;
+  h *= 0x85ebca6bu;
+  h ^= h >> 13;
+  h *= 0xc2b2ae35u;
+  h ^= h >> 16;
+  return h;
+}
+
+// Folds one more 32-bit value into a running hash.
+constexpr uint32_t hashCombine(uint32_t h, uint32_t value) {
+  return hashMix(h ^ (hashMix(value) + 0x9e3779b9u + (h << 6) + (h >> 2)));
+}
+
+constexpr uint32_t hashBytes(const void* data, size_t size, uint32_t seed) {
+  auto* p = static_cast<const unsigned char*>(data);
+  uint32_t h = seed ^ static_cast<uint32_t>(size);
+  size_t i = 0;
+  for (; i + 4 <= size; i += 4) {
+    uint32_t word = uint32_t(p[i]) | uint32_t(p[i + 1]) << 8 | uint32_t(p[i + 2]) << 16 |
+                    uint32_t(p[i + 3]) << 24;
+    h = hashCombine(h, word);
+  }
+  uint32_t tail = 0;
+  for (size_t shift = 0; i < size; ++i, shift += 8) tail |= uint32_t(p[i]) << shift;
+  return hashMix(hashCombine(h, tail));
+}
+
+constexpr uint32_t hashString(std::string_view s, uint32_t seed) {
+  uint32_t h = seed ^ static_cast<uint32_t>(s.size());
+  for (char c : s) h = (h ^ static_cast<unsigned char>(c)) * 0x01000193u;
+  return hashMix(h);
+}
+
+// A per-type seed, derived from the type's name so that it is fixed across runs.
+constexpr uint32_t seedOf(std::string_view typeName) { return hashString(typeName, 0x2545f491u); }
+
+template <class T>
+concept SelfHashing = requires(const T& v, uint32_t seed) {
+  { v.hash(seed) } -> std::convertible_to<uint32_t>;
+};
+
+template <class T>
+uint32_t hashOf(const T& value, uint32_t seed) {
+  if constexpr (SelfHashing<T>) {
+    return value.hash(seed);
+  } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+    auto v = static_cast<uint64_t>(value);
+    return hashCombine(hashCombine(seed, static_cast<uint32_t>(v)), static_cast<uint32_t>(v >> 32));
+  } else {
+    static_assert(sizeof(T) == 0, "no hash for this type");
+  }
+}
+
+}  // namespace Core
