@@ -67,6 +67,11 @@ class Collection {
   bool has(const Key& key) const { return table_.find(key) != nullptr; }
   const Member* find(const Key& key) const { return table_.find(key); }
   Member* findMutable(const Key& key) { return table_.find(key); }
+  // The member stored under `key`, or a default-constructed member (null Ptr) when absent.
+  Member get(const Key& key) const {
+    const Member* present = table_.find(key);
+    return present ? *present : Member();
+  }
 
   // Inserts the member or replaces the one stored under its key. Returns true when the
   // collection changed (and a change was published).
@@ -157,7 +162,29 @@ class Collection {
   HashTable<Key, Member, KeyOf> table_;
 };
 
+// A member of a map-like collection: a value stored under a key that is not part of it.
+template <class K, class V>
+struct MapEntry {
+  K key;
+  V value;
+  friend bool operator==(const MapEntry&, const MapEntry&) = default;
+};
+
+struct KeyOfEntry {
+  template <class K, class V>
+  const K& operator()(const MapEntry<K, V>& entry) const {
+    return entry.key;
+  }
+};
+
+// A set of keys.
 template <class Key>
 using KeySet = Collection<Key, Key, KeyIdentity>;
+// Values under separate keys; notification values are MapEntry<Key, Value>.
+template <class Key, class Value>
+using Map = Collection<Key, MapEntry<Key, Value>, KeyOfEntry>;
+// Counted references to child entities, keyed by what the child's `Getter` returns.
+template <class Key, class Child, auto Getter>
+using ChildMap = Collection<Key, Ptr<Child>, KeyBy<Getter>>;
 
 }  // namespace Core
