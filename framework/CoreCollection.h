@@ -150,10 +150,12 @@ class Collection {
     if (newMember) {
       const Member anchored = *newMember;
       NotifyScope scope(owner_, attr_, oldMember, &anchored);
-      owner_->notify(attr_, &KeyOf()(anchored));
+      decltype(auto) key = KeyOf()(anchored);
+      owner_->notify(attr_, &key);
     } else {
       NotifyScope scope(owner_, attr_, oldMember, static_cast<const Member*>(nullptr));
-      owner_->notify(attr_, &KeyOf()(*oldMember));
+      decltype(auto) key = KeyOf()(*oldMember);
+      owner_->notify(attr_, &key);
     }
   }
 

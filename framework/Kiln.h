@@ -1,0 +1,395 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "framework/Assert.h"
+#include "framework/CoreHash.h"
+
+// The generated-type runtime: bounded strings and arrays, and the reflection that gives every value
+// type its comparison, hash, validity test, text form and parser from one attribute list.
+namespace Kiln {
+
+// Raised when a bounded string, array or number would exceed its bound.
+struct RangeError : std::out_of_range {
+  using std::out_of_range::out_of_range;
+};
+
+// Raised when text does not parse; the message names what was expected and the offset.
+struct ParseError : std::invalid_argument {
+  using std::invalid_argument::invalid_argument;
+};
+
+namespace detail {
+[[noreturn]] void throwStringTooLong();
+[[noreturn]] void throwArrayCountTooLarge();
+[[noreturn]] void throwArrayIndexOutOfRange();
+}  // namespace detail
+
+// A string of at most N bytes. Building one from longer text throws RangeError, so a held value
+// always fits its bound.
+template <size_t N>
+class String {
+ public:
+  String() = default;
+  String(const char* s) : String(std::string_view(s ? s : "")) {}
+  String(std::string s) : s_(std::move(s)) { checkLength(); }
+  String(std::string_view s) : s_(s) { checkLength(); }
+
+  static constexpr size_t maxLength() { return N; }
+  static String fromText(std::string_view text) { return String(text); }
+
+  const std::string& str() const { return s_; }
+  const char* c_str() const { return s_.c_str(); }
+  size_t size() const { return s_.size(); }
+  bool empty() const { return s_.empty(); }
+  uint32_t hash(uint32_t seed) const { return Core::hashString(s_, seed); }
+
+  friend bool operator==(const String& a, const String& b) { return a.s_ == b.s_; }
+  friend std::strong_ordering operator<=>(const String& a, const String& b) {
+    return a.s_ <=> b.s_;
+  }
+  friend std::ostream& operator<<(std::ostream& os, const String& s) { return os << s.s_; }
+
+ private:
+  void checkLength() const {
+    if (s_.size() > N) detail::throwStringTooLong();
+  }
+
+  std::string s_;
+};
+
+// Up to N elements in place. Elements past count() are kept default-constructed.
+template <class T, size_t N>
+class Array {
+ public:
+  using value_type = T;
+  using const_iterator = const T*;
+
+  static constexpr size_t maxCount() { return N; }
+  size_t count() const { return count_; }
+  bool empty() const { return count_ == 0; }
+
+  // Grows with default elements or shrinks, resetting the dropped ones; throws RangeError if n > N.
+  void countIs(size_t n) {
+    if (n > N) detail::throwArrayCountTooLarge();
+    std::fill(items_.begin() + std::min(n, count_), items_.begin() + count_, T{});
+    count_ = n;
+  }
+  // Appends one element; throws RangeError when the array is full.
+  void push(const T& item) {
+    if (count_ == N) detail::throwArrayCountTooLarge();
+    items_[count_++] = item;
+  }
+
+  // Both throw RangeError when i >= count().
+  const T& operator[](size_t i) const { return items_[checked(i)]; }
+  T& operator[](size_t i) { return items_[checked(i)]; }
+  const T& at(size_t i) const { return items_[checked(i)]; }
+  T& at(size_t i) { return items_[checked(i)]; }
+
+  const T* begin() const { return items_.data(); }
+  const T* end() const { return items_.data() + count_; }
+
+  uint32_t hash(uint32_t seed) const {
+    uint32_t h = Core::hashCombine(seed, static_cast<uint32_t>(count_));
+    for (const T& item : *this) h = Core::hashCombine(h, Core::hashOf(item, 0));
+    return Core::hashMix(h);
+  }
+  friend bool operator==(const Array& a, const Array& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end());
+  }
+  friend std::strong_ordering operator<=>(const Array& a, const Array& b) {
+    return std::lexicographical_compare_three_way(a.begin(), a.end(), b.begin(), b.end());
+  }
+
+ private:
+  size_t checked(size_t i) const {
+    if (i >= count_) detail::throwArrayIndexOutOfRange();
+    return i;
+  }
+
+  std::array<T, N> items_{};
+  size_t count_ = 0;
+};
+
+// One reflected attribute: its name in the text form and the member that holds it.
+template <class C, class M>
+struct Attr {
+  std::string_view name;
+  M C::*member;
+};
+
+template <class C, class M>
+constexpr Attr<C, M> attr(std::string_view name, M C::*member) {
+  return {name, member};
+}
+
+// A type with reflection data: `kilnTypeName` and `kilnAttrs()` returning a tuple of Attr.
+template <class T>
+concept Reflected = requires {
+  { T::kilnTypeName } -> std::convertible_to<std::string_view>;
+  T::kilnAttrs();
+};
+
+// A value printed and parsed as one token: its text form must not contain ',', '}' or ']'.
+template <class T>
+concept Leaf = requires(const T& v, std::ostream& os, std::string_view text, uint32_t seed) {
+  { T::fromText(text) } -> std::same_as<T>;
+  os << v;
+  { v.hash(seed) } -> std::convertible_to<uint32_t>;
+  { v == v } -> std::convertible_to<bool>;
+  { v <=> v } -> std::convertible_to<std::strong_ordering>;
+};
+
+// Calls f(name, value) for each attribute of v, in declaration order.
+template <Reflected T, class F>
+void forEachAttr(const T& v, F&& f) {
+  std::apply([&](const auto&... a) { (f(a.name, v.*a.member), ...); }, T::kilnAttrs());
+}
+
+template <class T>
+std::string toText(const T& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+namespace detail {
+
+template <class M>
+struct IsString : std::false_type {};
+template <size_t N>
+struct IsString<String<N>> : std::true_type {};
+
+template <class M>
+struct IsArray : std::false_type {};
+template <class T, size_t N>
+struct IsArray<Array<T, N>> : std::true_type {};
+
+// A cursor over the text being parsed; every error names the offset in the whole text.
+class Parser {
+ public:
+  explicit Parser(std::string_view text) : text_(text) {}
+
+  size_t offset() const { return pos_; }
+  // Consumes `token` if the text continues with it.
+  bool consume(std::string_view token);
+  // Consumes `token` or throws "expected '<token>' <where> at offset N".
+  void expect(std::string_view token, std::string_view where);
+  // Consumes `name=` or throws naming the attribute that was expected.
+  void expectAttr(std::string_view name);
+  // The text up to the next ',', '}' or ']' (or the end), consumed.
+  std::string_view token();
+  // A double-quoted string with \" and \\ escapes, decoded.
+  std::string quoted(std::string_view attr);
+  void expectEnd();
+  [[noreturn]] void fail(std::string_view what, size_t offset, std::string_view cause = {}) const;
+
+ private:
+  std::string_view text_;
+  size_t pos_ = 0;
+};
+
+void printQuoted(std::ostream& os, std::string_view s);
+std::string forAttr(std::string_view attr);  // " for attribute 'x'", or "" at the top level
+
+template <class M>
+void printAttr(std::ostream& os, const M& v);
+template <class M>
+void parseAttr(Parser& p, M& out, std::string_view attr);
+
+template <Reflected T>
+void printComposite(std::ostream& os, const T& v) {
+  os << '{';
+  const char* sep = "";
+  forEachAttr(v, [&](std::string_view name, const auto& value) {
+    os << sep << name << '=';
+    printAttr(os, value);
+    sep = ", ";
+  });
+  os << '}';
+}
+
+template <Reflected T>
+void parseComposite(Parser& p, T& out, std::string_view attr) {
+  p.expect("{", forAttr(attr));
+  std::string_view last;
+  auto parseOne = [&](const auto& a) {
+    if (!last.empty()) p.expect(", ", "before attribute '" + std::string(a.name) + "'");
+    p.expectAttr(a.name);
+    parseAttr(p, out.*a.member, a.name);
+    last = a.name;
+  };
+  std::apply([&](const auto&... a) { (parseOne(a), ...); }, T::kilnAttrs());
+  p.expect("}", last.empty() ? forAttr(attr) : "after attribute '" + std::string(last) + "'");
+}
+
+template <class T, size_t N>
+void printArray(std::ostream& os, const Array<T, N>& v) {
+  os << '[';
+  const char* sep = "";
+  for (const T& item : v) {
+    os << sep;
+    printAttr(os, item);
+    sep = ", ";
+  }
+  os << ']';
+}
+
+template <class T, size_t N>
+void parseArray(Parser& p, Array<T, N>& out, std::string_view attr) {
+  p.expect("[", forAttr(attr));
+  out.countIs(0);
+  if (p.consume("]")) return;
+  do {
+    T item{};
+    parseAttr(p, item, attr);
+    out.push(item);
+  } while (p.consume(", "));
+  p.expect("]", "closing the list" + forAttr(attr));
+}
+
+template <class M>
+void parseNumber(Parser& p, M& out, std::string_view attr) {
+  size_t at = p.offset();
+  std::string_view tok = p.token();
+  auto [end, ec] = std::from_chars(tok.data(), tok.data() + tok.size(), out);
+  if (ec == std::errc::result_out_of_range) {
+    throw RangeError("value '" + std::string(tok) + "' out of range" + forAttr(attr) +
+                     " at offset " + std::to_string(at));
+  }
+  if (ec != std::errc() || end != tok.data() + tok.size() || tok.empty()) {
+    p.fail("expected an integer" + forAttr(attr), at);
+  }
+}
+
+template <class M>
+void printAttr(std::ostream& os, const M& v) {
+  if constexpr (std::is_same_v<M, bool>) {
+    os << (v ? "true" : "false");
+  } else if constexpr (std::is_enum_v<M>) {
+    printAttr(os, static_cast<std::underlying_type_t<M>>(v));
+  } else if constexpr (std::is_integral_v<M>) {
+    char buf[24];
+    auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+    os.write(buf, end - buf);
+  } else if constexpr (IsString<M>::value) {
+    printQuoted(os, v.str());
+  } else if constexpr (Reflected<M>) {
+    printComposite(os, v);
+  } else if constexpr (IsArray<M>::value) {
+    printArray(os, v);
+  } else {
+    static_assert(Leaf<M>, "attribute type has no text form");
+    os << v;
+  }
+}
+
+template <class M>
+void parseAttr(Parser& p, M& out, std::string_view attr) {
+  if constexpr (std::is_same_v<M, bool>) {
+    size_t at = p.offset();
+    std::string_view tok = p.token();
+    if (tok != "true" && tok != "false") p.fail("expected true or false" + forAttr(attr), at);
+    out = tok == "true";
+  } else if constexpr (std::is_enum_v<M>) {
+    std::underlying_type_t<M> raw{};
+    parseNumber(p, raw, attr);
+    out = static_cast<M>(raw);
+  } else if constexpr (std::is_integral_v<M>) {
+    parseNumber(p, out, attr);
+  } else if constexpr (IsString<M>::value) {
+    out = M(p.quoted(attr));
+  } else if constexpr (Reflected<M>) {
+    parseComposite(p, out, attr);
+  } else if constexpr (IsArray<M>::value) {
+    parseArray(p, out, attr);
+  } else {
+    static_assert(Leaf<M>, "attribute type has no parser");
+    size_t at = p.offset();
+    std::string_view tok = p.token();
+    try {
+      out = M::fromText(tok);
+    } catch (const ParseError& e) {
+      p.fail("bad value" + forAttr(attr), at, e.what());
+    }
+  }
+}
+
+}  // namespace detail
+
+// CRTP base of a value type T that declares `kilnTypeName` and `kilnAttrs()`. Gives T, from the
+// attribute list alone: equality, ordering (attributes in declaration order), a hash that depends
+// only on the attributes, a validity test, the text form `{a=1, b="x"}` and its parser.
+// T may hide isEq or hash with its own version; the operators then use it.
+template <class T>
+class Value {
+ public:
+  bool isEq(const T& other) const {
+    const T& self = derived();
+    if (&self == &other) return true;
+    return std::apply(
+        [&](const auto&... a) { return ((self.*a.member == other.*a.member) && ...); },
+        T::kilnAttrs());
+  }
+
+  uint32_t hash(uint32_t seed) const {
+    uint32_t h = seed;
+    forEachAttr(derived(), [&h](std::string_view, const auto& value) {
+      h = Core::hashCombine(h, Core::hashOf(value, 0));
+    });
+    return Core::hashMix(h);
+  }
+
+  // True when any attribute differs from a default-constructed T.
+  explicit operator bool() const { return !derived().isEq(T{}); }
+
+  // Parses the text form; throws ParseError (or RangeError for a value beyond its bound).
+  static T parse(std::string_view text) {
+    T out{};
+    detail::Parser p(text);
+    detail::parseComposite(p, out, {});
+    p.expectEnd();
+    return out;
+  }
+  static T fromText(std::string_view text) { return parse(text); }
+
+  std::string toString() const { return toText(derived()); }
+
+  friend bool operator==(const T& a, const T& b) { return a.isEq(b); }
+
+  friend std::strong_ordering operator<=>(const T& a, const T& b) {
+    if (&a == &b) return std::strong_ordering::equal;
+    std::strong_ordering result = std::strong_ordering::equal;
+    auto differs = [&](const auto& attr) {
+      result = std::compare_three_way{}(a.*attr.member, b.*attr.member);
+      return result != 0;
+    };
+    std::apply([&](const auto&... attr) { (void)(differs(attr) || ...); }, T::kilnAttrs());
+    return result;
+  }
+
+  friend std::ostream& operator<<(std::ostream& os, const T& v) {
+    detail::printComposite(os, v);
+    return os;
+  }
+
+ private:
+  const T& derived() const { return static_cast<const T&>(*this); }
+};
+
+}  // namespace Kiln

@@ -1,0 +1,126 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "framework/CoreHash.h"
+#include "framework/Kiln.h"
+
+// Network value types of the host: addresses, interface identifiers and MAC addresses. All are
+// small, trivially copyable leaves of the reflection layer (text form, fromText, hash, ordering).
+namespace Netval {
+
+// The family of an IpGenAddr; unknown_ marks the empty address.
+enum class AddressFamily : uint8_t { unknown_ = 0, ipv4_ = 4, ipv6_ = 6 };
+
+// An IPv4 or IPv6 address, or the empty address of unknown family (the default, printed "unset").
+// Bytes are held in network order; an IPv4 address uses the first 4 of the 16 bytes.
+class IpGenAddr {
+ public:
+  using Bytes = std::array<uint8_t, 16>;
+
+  IpGenAddr() = default;
+  // The all-zero address of that family (the empty address for unknown_).
+  explicit IpGenAddr(AddressFamily af) : af_(af) {}
+  // Throws Kiln::ParseError for text that is not an address.
+  explicit IpGenAddr(std::string_view text) : IpGenAddr(fromText(text)) {}
+
+  static IpGenAddr ipv4(uint32_t hostOrder);
+  static IpGenAddr ipv6(const Bytes& bytes);
+  // Accepts dotted IPv4, RFC 4291 IPv6 (with an optional dotted tail) and "unset".
+  static IpGenAddr fromText(std::string_view text);
+
+  AddressFamily af() const { return af_; }
+  bool isAddrZero() const { return bytes_ == Bytes{}; }
+  // Host-order IPv4 value; 0 for other families.
+  uint32_t v4() const;
+  const Bytes& bytes() const { return bytes_; }
+
+  uint32_t hash(uint32_t seed) const {
+    return Core::hashCombine(Core::hashBytes(bytes_.data(), bytes_.size(), seed),
+                             static_cast<uint32_t>(af_));
+  }
+  friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
+    return a.af_ == b.af_ && std::memcmp(a.bytes_.data(), b.bytes_.data(), 16) == 0;
+  }
+  // By family first, then by address bytes (network order, so numerically).
+  friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
+    if (a.af_ != b.af_) return a.af_ <=> b.af_;
+    return std::memcmp(a.bytes_.data(), b.bytes_.data(), 16) <=> 0;
+  }
+  // Dotted quad, RFC 5952 IPv6, or "unset".
+  friend std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);
+  std::string toString() const;
+
+ private:
+  Bytes bytes_{};
+  AddressFamily af_ = AddressFamily::unknown_;
+};
+
+// A host interface as a numeric identifier that orders interfaces by type (Ethernet, Port-Channel,
+// Vlan, Loopback, Management), then by their numbers. Id 0 is the empty interface (name "").
+// Layout: 4 bits type, 12 bits first number, 8 + 8 bits for the second and third numbers + 1
+// (0 = absent), so that "Ethernet3" < "Ethernet3/1" < "Ethernet3/1/1" < "Ethernet4".
+class IntfId {
+ public:
+  IntfId() = default;
+  // Throws Kiln::ParseError for a name that is not a known interface.
+  explicit IntfId(std::string_view name) : IntfId(fromText(name)) {}
+
+  // Accepts full names ("Ethernet3/1") and short names ("Et3/1"); "" is the empty interface.
+  static IntfId fromText(std::string_view name);
+  // The interface of a valid id; the empty interface for an id that no name produces.
+  static IntfId fromId(uint32_t id);
+
+  uint32_t id() const { return id_; }
+  bool empty() const { return id_ == 0; }
+  std::string name() const;
+  std::string shortName() const;
+
+  uint32_t hash(uint32_t seed) const { return Core::hashCombine(seed, id_); }
+  friend bool operator==(IntfId a, IntfId b) { return a.id_ == b.id_; }
+  friend std::strong_ordering operator<=>(IntfId a, IntfId b) { return a.id_ <=> b.id_; }
+  friend std::ostream& operator<<(std::ostream& os, IntfId i) { return os << i.name(); }
+
+ private:
+  explicit constexpr IntfId(uint32_t id, int) : id_(id) {}
+
+  uint32_t id_ = 0;
+};
+
+// A 48-bit MAC address; zero is the default.
+class EthAddr {
+ public:
+  EthAddr() = default;
+  // The value must fit in 48 bits.
+  EthAddr(uint64_t value);
+  // Accepts "00:1c:73:aa:bb:cc" and "001c.73aa.bbcc"; throws Kiln::ParseError otherwise.
+  explicit EthAddr(std::string_view text) : EthAddr(fromText(text)) {}
+  static EthAddr fromText(std::string_view text);
+
+  bool isZero() const { return value_ == 0; }
+  uint64_t value() const { return value_; }
+
+  uint32_t hash(uint32_t seed) const { return Core::hashOf(value_, seed); }
+  friend bool operator==(EthAddr a, EthAddr b) { return a.value_ == b.value_; }
+  friend std::strong_ordering operator<=>(EthAddr a, EthAddr b) { return a.value_ <=> b.value_; }
+  // "00:1c:73:aa:bb:cc".
+  friend std::ostream& operator<<(std::ostream& os, EthAddr a);
+  std::string toString() const;
+
+ private:
+  uint64_t value_ = 0;
+};
+
+// These travel in keys on hot paths: copies must stay cheap.
+static_assert(sizeof(IpGenAddr) <= 20 && std::is_trivially_copyable_v<IpGenAddr>);
+static_assert(sizeof(IntfId) == 4 && std::is_trivially_copyable_v<IntfId>);
+static_assert(std::is_trivially_copyable_v<EthAddr>);
+
+}  // namespace Netval

@@ -1,0 +1,245 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "framework/CoreCollection.h"
+#include "framework/CoreReactor.h"
+
+namespace {
+
+using Core::AttrId;
+using Core::Ptr;
+
+// A test entity with one collection of each kind.
+struct Box : Core::Node {
+  static constexpr AttrId keysAttr = 1;
+  static constexpr AttrId mapAttr = 2;
+  Core::KeySet<uint32_t> keys{this, keysAttr};
+  Core::Map<uint32_t, std::string> map{this, mapAttr};
+};
+
+// Records every publication of a box, with the notification values anchored at that moment.
+struct Recorder : Core::Subscriber {
+  struct Event {
+    AttrId attr;
+    uint32_t key;
+    bool hadOld;
+    bool hadNew;
+  };
+  explicit Recorder(const Core::Node& box) : Subscriber(&Recorder::record), box_(&box) {
+    subscribe(box.publisher());
+  }
+  static void record(Core::Subscriber& s, AttrId attr, const void* key) {
+    auto& self = static_cast<Recorder&>(s);
+    Core::NotifyValues<Core::MapEntry<uint32_t, std::string>> values;
+    if (attr == Box::mapAttr) {
+      values = Core::getNotifyValues<Core::MapEntry<uint32_t, std::string>>(self.box_, attr);
+    }
+    self.events.push_back({attr, *static_cast<const uint32_t*>(key), values.oldValue != nullptr,
+                           values.newValue != nullptr});
+    if (self.onEvent) self.onEvent(*static_cast<const uint32_t*>(key));
+  }
+  const Core::Node* box_;
+  std::vector<Event> events;
+  std::function<void(uint32_t)> onEvent;
+};
+
+TEST(Collection, EqualInsertPublishesNothing) {
+  auto box = Core::makePtr<Box>();
+  Recorder rec(*box);
+  EXPECT_TRUE(box->map.set({1, "a"}));
+  EXPECT_FALSE(box->map.set({1, "a"}));
+  EXPECT_TRUE(box->map.set({1, "b"}));
+  ASSERT_EQ(rec.events.size(), 2u);
+  EXPECT_FALSE(rec.events[0].hadOld);
+  EXPECT_TRUE(rec.events[1].hadOld && rec.events[1].hadNew);
+  EXPECT_EQ(box->map.find(1)->value, "b");
+}
+
+TEST(Collection, DeleteOfAbsentKeyPublishesNothing) {
+  auto box = Core::makePtr<Box>();
+  Recorder rec(*box);
+  EXPECT_FALSE(box->keys.del(7));
+  EXPECT_TRUE(rec.events.empty());
+}
+
+TEST(Collection, DeleteAllWithSubscriberPublishesOncePerKey) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 50; ++i) box->map.set({i, std::to_string(i)});
+  Recorder rec(*box);
+  box->map.delAll();
+  EXPECT_TRUE(box->map.empty());
+  ASSERT_EQ(rec.events.size(), 50u);
+  std::set<uint32_t> keys;
+  for (auto& e : rec.events) {
+    keys.insert(e.key);
+    EXPECT_TRUE(e.hadOld);
+    EXPECT_FALSE(e.hadNew);
+  }
+  EXPECT_EQ(keys.size(), 50u);
+}
+
+TEST(Collection, DeleteAllWithoutSubscriberSweepsSilently) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 50; ++i) box->keys.set(i);
+  int calls = 0;
+  {
+    Recorder rec(*box);
+    rec.onEvent = [&](uint32_t) { ++calls; };
+    box->keys.set(99);
+  }
+  box->keys.delAll();
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(box->keys.size(), 0u);
+}
+
+TEST(Collection, IteratingWhileDeletingEveryMemberVisitsEachOnce) {
+  auto box = Core::makePtr<Box>();
+  constexpr uint32_t kCount = 100000;
+  for (uint32_t i = 0; i < kCount; ++i) box->keys.set(i);
+  std::vector<uint8_t> visits(kCount, 0);
+  for (auto it = box->keys.begin(); it != box->keys.end(); ++it) {
+    const uint32_t key = *it;
+    ++visits[key];
+    box->keys.del(key);
+  }
+  EXPECT_TRUE(box->keys.empty());
+  for (uint32_t i = 0; i < kCount; ++i) ASSERT_EQ(visits[i], 1) << "key " << i;
+}
+
+TEST(Collection, HandlerDrainingTheRestUnderAnOuterLoopLeavesNothingTwice) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 100; ++i) box->keys.set(i);
+  Recorder rec(*box);
+  // The first deletion's handler drains the whole collection, re-entering del.
+  bool draining = false;
+  rec.onEvent = [&](uint32_t) {
+    if (draining) return;
+    draining = true;
+    for (auto it = box->keys.begin(); it != box->keys.end(); ++it) {
+      const uint32_t key = *it;
+      box->keys.del(key);
+    }
+  };
+  int outerVisits = 0;
+  for (auto it = box->keys.begin(); it != box->keys.end(); ++it) {
+    ++outerVisits;
+    const uint32_t key = *it;
+    box->keys.del(key);
+  }
+  EXPECT_EQ(outerVisits, 1);
+  EXPECT_EQ(rec.events.size(), 100u);
+  EXPECT_TRUE(box->keys.empty());
+}
+
+TEST(Collection, NotificationValuesAbsentOutsidePublication) {
+  auto box = Core::makePtr<Box>();
+  box->map.set({1, "a"});
+  auto values =
+      Core::getNotifyValues<Core::MapEntry<uint32_t, std::string>>(box.get(), Box::mapAttr);
+  EXPECT_FALSE(values.present);
+  EXPECT_EQ(values.oldValue, nullptr);
+  EXPECT_EQ(values.newValue, nullptr);
+}
+
+TEST(Collection, NestedPublicationsAnchorTheirOwnValues) {
+  auto box = Core::makePtr<Box>();
+  box->map.set({1, "one"});
+  box->map.set({2, "two"});
+  Recorder rec(*box);
+  std::vector<std::string> seen;
+  rec.onEvent = [&](uint32_t key) {
+    auto values =
+        Core::getNotifyValues<Core::MapEntry<uint32_t, std::string>>(box.get(), Box::mapAttr);
+    seen.push_back(std::to_string(key) + ":" + (values.oldValue ? values.oldValue->value : "-") +
+                   ">" + (values.newValue ? values.newValue->value : "-"));
+    // The change of key 1 writes key 2 again; after that inner publication returns, the outer
+    // publication's values are visible again.
+    if (key == 1) {
+      box->map.set({2, "TWO"});
+      auto after =
+          Core::getNotifyValues<Core::MapEntry<uint32_t, std::string>>(box.get(), Box::mapAttr);
+      seen.push_back("after:" + after.newValue->value);
+    }
+  };
+  box->map.set({1, "ONE"});
+  EXPECT_EQ(seen, (std::vector<std::string>{"1:one>ONE", "2:two>TWO", "after:ONE"}));
+}
+
+TEST(Collection, InsertDuringIterationKeepsEveryMemberReachable) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 8; ++i) box->keys.set(i);
+  // Inserts rebuild the table under the loop: the loop may skip or repeat members, but every
+  // member stays in the collection and the loop ends.
+  std::set<uint32_t> visited;
+  for (auto it = box->keys.begin(); it != box->keys.end(); ++it) {
+    const uint32_t key = *it;
+    visited.insert(key);
+    if (key < 8) box->keys.set(key + 1000);
+  }
+  for (uint32_t i = 0; i < 8; ++i) EXPECT_TRUE(box->keys.has(i));
+  for (uint32_t key : visited) {
+    if (key >= 8) continue;
+    EXPECT_TRUE(box->keys.has(key + 1000));
+  }
+  EXPECT_FALSE(visited.empty());
+}
+
+struct Child : Core::Node {
+  explicit Child(uint32_t id) : id_(id) {}
+  uint32_t id() const { return id_; }
+  uint32_t id_;
+};
+struct Parent : Core::Node {
+  static constexpr AttrId childAttr = 3;
+  Core::ChildMap<uint32_t, Child, &Child::id> child{this, childAttr};
+};
+
+TEST(Collection, RemovedChildStaysAliveWhileTheHandlerHoldsIt) {
+  auto parent = Core::makePtr<Parent>();
+  parent->child.set(Core::makePtr<Child>(5));
+  Ptr<Child> kept;
+  struct Grab : Core::Subscriber {
+    Grab(Parent& p, Ptr<Child>& out) : Subscriber(&Grab::on), parent(&p), out(&out) {
+      subscribe(p.publisher());
+    }
+    static void on(Core::Subscriber& s, AttrId attr, const void*) {
+      auto& self = static_cast<Grab&>(s);
+      auto values = Core::getNotifyValues<Ptr<Child>>(self.parent, attr);
+      if (values.oldValue) *self.out = *values.oldValue;
+    }
+    Parent* parent;
+    Ptr<Child>* out;
+  } grab(*parent, kept);
+  parent->child.del(5);
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(kept->id(), 5u);
+  EXPECT_EQ(kept->useCount(), 1u);
+}
+
+TEST(Collection, ChildMapReplacesByIdentityOnly) {
+  auto parent = Core::makePtr<Parent>();
+  auto a = Core::makePtr<Child>(1);
+  Recorder rec(*parent);
+  EXPECT_TRUE(parent->child.set(a));
+  EXPECT_FALSE(parent->child.set(a));
+  EXPECT_TRUE(parent->child.set(Core::makePtr<Child>(1)));
+  EXPECT_EQ(rec.events.size(), 2u);
+  EXPECT_NE(parent->child.get(1).get(), a.get());
+  EXPECT_EQ(parent->child.get(2), nullptr);
+}
+
+TEST(Collection, TeardownFreesEveryEntity) {
+  const int64_t before = Core::Node::liveCount();
+  {
+    auto parent = Core::makePtr<Parent>();
+    for (uint32_t i = 0; i < 100; ++i) parent->child.set(Core::makePtr<Child>(i));
+    EXPECT_EQ(Core::Node::liveCount(), before + 101);
+  }
+  EXPECT_EQ(Core::Node::liveCount(), before);
+}
+
+}  // namespace
