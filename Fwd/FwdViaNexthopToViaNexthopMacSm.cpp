@@ -1,0 +1,237 @@
+#include "Fwd/FwdViaNexthopToViaNexthopMacSm.h"
+
+#include "framework/Assert.h"
+#include "framework/DualLog.h"
+
+namespace FwdL3Unicast {
+
+namespace {
+
+DualLog::Handle& traceHandle() {
+  static DualLog::Handle handle("FwdViaNexthopToViaNexthopMacSm", false);
+  return handle;
+}
+
+// The neighbour of a via: its egress interface and its address.
+Plane::NextHopKey neighbourKey(const NexthopIntfId& via) {
+  return Plane::NextHopKey(via.intfId(), via.nexthop());
+}
+
+// A neighbour with a MAC but no L2 interface yet: proactive ARP is asked to resolve it afresh.
+bool isHalfResolved(const Plane::NextHopInfo& info) {
+  return static_cast<bool>(info) && !info.ethAddr().isZero() && info.l2Intf().empty();
+}
+
+// A neighbour whose MAC may be published: a MAC and the L2 interface it was learnt on.
+bool isResolved(const Plane::NextHopInfo& info) {
+  return static_cast<bool>(info) && !info.ethAddr().isZero() && !info.l2Intf().empty();
+}
+
+}  // namespace
+
+ViaNexthopToViaNexthopMacSm::ViaNexthopToViaNexthopMacSm(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopToViaNexthopMap>& config,
+    const Core::Ptr<const Plane::NextHopInfoWrapper>& nextHopInfoWrapper,
+    const Core::Ptr<const Plane::VrfL3StatusAll>& vrfStatusAll,
+    const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
+    const Core::Ptr<NexthopToViaNexthopMacMap>& status)
+    : vrfName_(vrfName),
+      config_(config),
+      nextHopInfoWrapper_(nextHopInfoWrapper),
+      vrfStatusAll_(vrfStatusAll),
+      proactiveArpNexthopSm_(proactiveArpNexthopSm),
+      status_(status) {
+  handleInitialized();
+}
+
+ViaNexthopToViaNexthopMacSm::~ViaNexthopToViaNexthopMacSm() {
+  hasNotificationActiveIs(false);
+  doCleanup();
+  configSlot_.notifierIs(nullptr);
+  // The via slot is already off: dropping the records issues no removeEntry, so the proactive
+  // ARP entries of the vias still tracked stay with the platform.
+  allViaNexthopRequestsDel();
+}
+
+Core::Ptr<ViaNexthopToViaNexthopMacSm> viaNexthopToViaNexthopMacSmFactory(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopToViaNexthopMap>& config,
+    const Core::Ptr<const Plane::NextHopInfoWrapper>& nextHopInfoWrapper,
+    const Core::Ptr<const Plane::VrfL3StatusAll>& vrfStatusAll,
+    const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
+    const Core::Ptr<NexthopToViaNexthopMacMap>& status) {
+  Core::Ptr<ViaNexthopToViaNexthopMacSm> sm(new ViaNexthopToViaNexthopMacSm(
+      vrfName, config, nextHopInfoWrapper, vrfStatusAll, proactiveArpNexthopSm, status));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+void ViaNexthopToViaNexthopMacSm::handleInitialized() {
+  DUALLOG_TRACE(8, "vrfName : ", vrfName_);
+  // Whatever an earlier instance published for this VRF goes before anything is recomputed.
+  status_->mapDelAll();
+  // clang-format off
+  CORE_ASSERT( vrfStatusAll()->vrfIdHas( vrfName() ) );
+  // clang-format on
+  // Fixed for the stage's life, so that every removeEntry matches its addEntry.
+  arpVrfId_ = vrfStatusAll_->planeVrfIdToArpVrfId(vrfStatusAll_->vrfId(vrfName_));
+  allViaNexthopRequestsIs();
+  handleConfig();
+}
+
+void ViaNexthopToViaNexthopMacSm::handleConfig() {
+  DUALLOG_TRACE(8, "vrfName ", vrfName_);
+  if (!config_) return;
+  // By value: the loop body publishes, and stage 1's map does not change under it.
+  for (const NexthopToViaNexthopMapEntry entry : config_->map()) handleAdd(entry);
+}
+
+void ViaNexthopToViaNexthopMacSm::handleConfig(const NexthopIntfId&) {
+  const auto values = Core::getNotifyValues<NexthopToViaNexthopMapEntry>(
+      config_.get(), NexthopToViaNexthopMap::mapAttr);
+  if (values.oldValue) handleDel(*values.oldValue);
+  if (values.newValue) handleAdd(*values.newValue);
+}
+
+void ViaNexthopToViaNexthopMacSm::handleAdd(const NexthopToViaNexthopMapEntry& mapEntry) {
+  const NexthopIntfId& nexthopIntfId = mapEntry.nexthopIntfId();
+  const Netval::IpGenAddr& viaNexthop = mapEntry.viaNexthop();
+  DUALLOG_TRACE(8, "ViaNexthop add for nexthop ", nexthopIntfId.nexthop(), " intfId ",
+                nexthopIntfId.intfId(), "  is ", viaNexthop);
+  const NexthopIntfId viaKey(viaNexthop, nexthopIntfId.intfId());
+  ViaNexthopRequest::Ptr viaNexthopRequest = allViaNexthopRequests_->viaNexthopRequest(viaKey);
+  if (viaNexthopRequest) {
+    DUALLOG_TRACE(8, "viaNexthop being tracked already");
+  } else {
+    DUALLOG_TRACE(8, "New viaNexthop to track");
+    // The creation's notification starts proactive ARP and takes the first MAC decision.
+    viaNexthopRequest = allViaNexthopRequests_->viaNexthopRequestIs(viaKey);
+  }
+  viaNexthopRequest->addRequester(nexthopIntfId.nexthop());
+  // A new requester of a resolved via does not wait for the next neighbour change.
+  const Netval::EthAddr macAddr = viaNexthopRequest->macAddr();
+  if (!macAddr.isZero()) {
+    status_->mapIs(NexthopToViaNexthopMacMapEntry(nexthopIntfId, viaNexthop, macAddr));
+  }
+  DUALLOG_TRACE(8, "viaNexthop being tracked for ", viaNexthopRequest->requesterCollCount(),
+                " nexthops now");
+}
+
+void ViaNexthopToViaNexthopMacSm::handleDel(const NexthopToViaNexthopMapEntry& mapEntry) {
+  const NexthopIntfId& nexthopIntfId = mapEntry.nexthopIntfId();
+  const Netval::IpGenAddr& viaNexthop = mapEntry.viaNexthop();
+  DUALLOG_TRACE(8, "ViaNexthop del for nexthop ", nexthopIntfId.nexthop(), " intfId ",
+                nexthopIntfId.intfId(), "  is ", viaNexthop);
+  const NexthopIntfId viaKey(viaNexthop, nexthopIntfId.intfId());
+  const ViaNexthopRequest::Ptr viaNexthopRequest =
+      allViaNexthopRequests_->viaNexthopRequest(viaKey);
+  CORE_ASSERT(viaNexthopRequest);
+  // Resolved or not: removing an absent entry is harmless.
+  status_->mapDel(nexthopIntfId);
+  viaNexthopRequest->delRequester(nexthopIntfId.nexthop());
+  const size_t remaining = viaNexthopRequest->requesterCollCount();
+  DUALLOG_TRACE(8, "viaNexthop being tracked for ", remaining, " nexthops now");
+  if (remaining != 0) return;
+  DUALLOG_TRACE(8, "Last tracking nexthop removed..stop tracking viaNexthop ", viaNexthop);
+  allViaNexthopRequests_->viaNexthopRequestDel(viaKey);
+}
+
+void ViaNexthopToViaNexthopMacSm::handleViaNexthopRequest(const NexthopIntfId& key) {
+  const auto values = Core::getNotifyValues<ViaNexthopRequest::Ptr>(
+      allViaNexthopRequests_.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+  const Plane::NextHopKey nextHopKey = neighbourKey(key);
+  if (values.oldValue) {
+    const Ptr previous = *values.oldValue;
+    DUALLOG_TRACE(8, "Deleting via: ", key.nexthop(), " on intf: ", key.intfId(),
+                  " to proArp nexthop with arpVrfId ", arpVrfId_);
+    proactiveArpNexthopSm_->removeEntry(nextHopKey, arpVrfId_);
+    // A record deleted with requesters still listed must not leave their outdated MAC behind.
+    updateStatus(previous, Netval::EthAddr());
+  }
+  if (values.newValue) {
+    const Ptr created = *values.newValue;
+    DUALLOG_TRACE(8, "Adding via: ", key.nexthop(), " on intf: ", key.intfId(),
+                  " to proArp nexthop with arpVrfId ", arpVrfId_);
+    proactiveArpNexthopSm_->addEntry(nextHopKey, arpVrfId_);
+    checkAndUpdateMac(created);
+  }
+}
+
+void ViaNexthopToViaNexthopMacSm::handleNexthopInfo(const Plane::NextHopKey& key) {
+  DUALLOG_TRACE(8, "vrfName ", vrfName_);
+  const Ptr request =
+      allViaNexthopRequests_->viaNexthopRequest(NexthopIntfId(key.addr(), key.intfId()));
+  if (!request) return;
+  if (isHalfResolved(nextHopInfo(key))) proactiveArpNexthopSm_->doUpdateTriggerResolution(key);
+  checkAndUpdateMac(request);
+}
+
+void ViaNexthopToViaNexthopMacSm::checkAndUpdateMac(const Ptr& request) {
+  CORE_ASSERT(request);
+  const NexthopIntfId& via = request->viaNexthopInfo();
+  const Plane::NextHopInfo info = nextHopInfo(neighbourKey(via));
+  if (isResolved(info)) {
+    request->macAddrIs(info.ethAddr());
+    DUALLOG_TRACE(8, "MAC Addr resolved for ", via.nexthop(), " is ", info.ethAddr(), " l2Intf is ",
+                  info.l2Intf());
+  } else {
+    request->macAddrIs(Netval::EthAddr());
+    DUALLOG_TRACE(8, "MAC Addr NOT resolved for ", via.nexthop(), ", ethAddr received is ",
+                  info.ethAddr(), " l2Intf is ", info.l2Intf());
+  }
+  // Every requester is rewritten, changed MAC or not: an equal entry publishes nothing.
+  updateStatus(request, request->macAddr());
+}
+
+void ViaNexthopToViaNexthopMacSm::updateStatus(const Ptr& request, const Netval::EthAddr& ethAddr) {
+  CORE_ASSERT(request);
+  const bool withdraw = ethAddr.isZero();
+  const NexthopIntfId via = request->viaNexthopInfo();
+  for (const Netval::IpGenAddr nexthop : request->requesterColl()) {
+    const NexthopIntfId key(nexthop, via.intfId());
+    if (withdraw) {
+      status_->mapDel(key);
+    } else {
+      status_->mapIs(NexthopToViaNexthopMacMapEntry(key, via.nexthop(), ethAddr));
+    }
+  }
+}
+
+void ViaNexthopToViaNexthopMacSm::doCleanup() {
+  DUALLOG_TRACE(8, "vrfName : ", vrfName_);
+  status_->mapDelAll();
+}
+
+void ViaNexthopToViaNexthopMacSm::allViaNexthopRequestsIs() {
+  if (allViaNexthopRequests_) return;
+  allViaNexthopRequests_ = AllViaNexthopRequests::AllViaNexthopRequestsIs();
+  viaNexthopRequestSlot_.notifierIs(allViaNexthopRequests_.get());
+}
+
+void ViaNexthopToViaNexthopMacSm::allViaNexthopRequestsDel() {
+  viaNexthopRequestSlot_.notifierIs(nullptr);
+  allViaNexthopRequests_ = nullptr;
+}
+
+Plane::NextHopInfo ViaNexthopToViaNexthopMacSm::nextHopInfo(const Plane::NextHopKey& key) const {
+  return nextHopInfoWrapper_ ? nextHopInfoWrapper_->nextHopInfo(key) : Plane::NextHopInfo();
+}
+
+void ViaNexthopToViaNexthopMacSm::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
+  ctx.line(indent, "ViaNexthopToViaNexthopMacSm - %s\n", vrfName_.c_str());
+  ctx.line(indent + 2, "arpVrfId %d\n", static_cast<int>(arpVrfId_));
+  ctx.line(indent + 2, "config\n");
+  ctx.dumpChild(config_.get(), indent + 4);
+  ctx.line(indent + 2, "status\n");
+  ctx.dumpChild(status_.get(), indent + 4);
+  const unsigned viaCount =
+      allViaNexthopRequests_
+          ? static_cast<unsigned>(allViaNexthopRequests_->viaNexthopRequestCount())
+          : 0u;
+  ctx.line(indent + 2, "allViaNexthopRequests: #%u\n", viaCount);
+  if (!allViaNexthopRequests_) return;
+  for (const ViaNexthopRequest::Ptr& request : allViaNexthopRequests_->viaNexthopRequest()) {
+    ctx.dumpChild(request.get(), indent + 4);
+  }
+}
+
+}  // namespace FwdL3Unicast
