@@ -1,0 +1,326 @@
+#include "Fwd/FwdNexthopToViaNexthopSm.h"
+
+#include <utility>
+
+#include "framework/Assert.h"
+#include "framework/DualLog.h"
+
+namespace FwdL3Unicast {
+
+namespace {
+
+DualLog::Handle& traceHandle() {
+  static DualLog::Handle handle("FwdNexthopToViaNexthopSm", false);
+  return handle;
+}
+
+// The address of unknown family: no via chosen.
+const Netval::IpGenAddr& emptyAddr() {
+  static const Netval::IpGenAddr empty;
+  return empty;
+}
+
+bool isEmpty(const Netval::IpGenAddr& addr) { return addr == emptyAddr(); }
+
+// A via's own address, or the nexthop itself when the via is directly attached (unset family,
+// 0.0.0.0 or ::): such a nexthop is its own via.
+const Netval::IpGenAddr& viaCandidate(const Netval::IpGenAddr& hop,
+                                      const Netval::IpGenAddr& nexthop) {
+  const bool hasAddress =
+      (hop.af() == Netval::AddressFamily::ipv4_ || hop.af() == Netval::AddressFamily::ipv6_) &&
+      !hop.isAddrZero();
+  return hasAddress ? hop : nexthop;
+}
+
+// Keeps the published via while some via of the FEC on the interface still leads to it;
+// otherwise the last candidate in FEC order wins. Stops equal-cost vias from flapping.
+void cacheCandidate(IntfViaInfo& info, const Netval::IpGenAddr& candidate) {
+  const Netval::IpGenAddr& published = info.viaNexthop();
+  if (isEmpty(published) || candidate == published) {
+    info.cachedViaNexthopIs(candidate);
+  } else if (info.cachedViaNexthop() != published) {
+    info.cachedViaNexthopIs(candidate);
+  }
+}
+
+}  // namespace
+
+void IntfViaInfo::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
+  ctx.line(indent, "IntfViaInfo - interface %s\n", intfId_.name().c_str());
+  const std::string via = isEmpty(viaNexthop_) ? std::string("none") : viaNexthop_.toString();
+  ctx.line(indent + 2, "viaNexthop - %s\n", via.c_str());
+}
+
+IntfViaInfo::Ptr NexthopRequest::intfViaInfoIs(Netval::IntfId intfId) {
+  if (IntfViaInfo::Ptr present = intfViaInfo_.get(intfId)) return present;
+  IntfViaInfo::Ptr created = IntfViaInfo::IntfViaInfoIs(intfId);
+  intfViaInfo_.set(created);
+  return created;
+}
+
+void NexthopRequest::addIntfId(Netval::IntfId intfId) {
+  IntfViaInfo::Ptr info = intfViaInfoIs(intfId);
+  CORE_ASSERT(info);
+  info->viaNexthopIs(emptyAddr());
+  info->cachedViaNexthopIs(emptyAddr());
+}
+
+void NexthopRequest::delIntfId(Netval::IntfId intfId) {
+  // Get-or-create on purpose: removing an interface never added needs no check by the caller.
+  IntfViaInfo::Ptr info = intfViaInfoIs(intfId);
+  CORE_ASSERT(info);
+  intfViaInfoDel(intfId);
+}
+
+void NexthopRequest::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
+  ctx.line(indent, "NexthopRequest - nexthop %s\n", nexthop_.toString().c_str());
+  ctx.line(indent + 2, "intfViaInfo: #%u\n", static_cast<unsigned>(intfViaInfo_.size()));
+  for (const IntfViaInfo::Ptr& info : intfViaInfo_) ctx.dumpChild(info.get(), indent + 4);
+}
+
+NexthopRequest::Ptr AllNexthopRequests::requestIs(const Netval::IpGenAddr& nexthop) {
+  if (NexthopRequest::Ptr present = request_.get(nexthop)) return present;
+  NexthopRequest::Ptr created = NexthopRequest::NexthopRequestIs(nexthop);
+  request_.set(created);
+  return created;
+}
+
+NexthopToViaNexthopSm::Ptr NexthopToViaNexthopSm::NexthopToViaNexthopSmIs(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopIntfIdColl>& config,
+    const Core::Ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig,
+    const Core::Ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus,
+    const Core::Ptr<const Memtab::FibGen::ForwardingStatus>& forwardingGenStatus,
+    const Core::Ptr<Hub::TaskScheduler>& scheduler,
+    const Core::Ptr<NexthopToViaNexthopMap>& status) {
+  return Ptr(new NexthopToViaNexthopSm(vrfName, config, nexthopVrfConfig, nexthopVrfStatus,
+                                       forwardingGenStatus, scheduler, status));
+}
+
+NexthopToViaNexthopSm::Ptr nexthopToViaNexthopSmFactory(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopIntfIdColl>& config,
+    const Core::Ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig,
+    const Core::Ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus,
+    const Core::Ptr<const Memtab::FibGen::ForwardingStatus>& forwardingGenStatus,
+    const Core::Ptr<Hub::TaskScheduler>& scheduler,
+    const Core::Ptr<NexthopToViaNexthopMap>& status) {
+  NexthopToViaNexthopSm::Ptr sm = NexthopToViaNexthopSm::NexthopToViaNexthopSmIs(
+      vrfName, config, nexthopVrfConfig, nexthopVrfStatus, forwardingGenStatus, scheduler, status);
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+NexthopToViaNexthopSm::NexthopToViaNexthopSm(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopIntfIdColl>& config,
+    const Core::Ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig,
+    const Core::Ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus,
+    const Core::Ptr<const Memtab::FibGen::ForwardingStatus>& forwardingGenStatus,
+    const Core::Ptr<Hub::TaskScheduler>& scheduler, const Core::Ptr<NexthopToViaNexthopMap>& status)
+    : vrfName_(vrfName),
+      config_(config),
+      nexthopVrfConfig_(nexthopVrfConfig),
+      nexthopVrfStatus_(nexthopVrfStatus),
+      forwardingGenStatus_(forwardingGenStatus),
+      scheduler_(scheduler),
+      status_(status) {
+  handleInitialized();
+}
+
+NexthopToViaNexthopSm::~NexthopToViaNexthopSm() {
+  hasNotificationActiveIs(false);
+  doCleanup();
+  configSlot_.notifierIs(nullptr);
+  backlogSlot_.notifierIs(nullptr);
+  if (fibMonitorHelperSm_) fibMonitorHelperSm_->hasNotificationActiveIs(false);
+}
+
+void NexthopToViaNexthopSm::handleInitialized() {
+  DUALLOG_TRACE(8, "vrfName ", vrfName_);
+  CORE_ASSERT(scheduler() != nullptr);
+  CORE_ASSERT(status());
+  status_->mapDelAll();
+  allNexthopRequestsIs();
+  nexthopBacklogIs(Routing::NexthopBacklog::NexthopBacklogIs());
+  // "ie" is the client name the resolver knows this module by.
+  fibMonitorHelperSmIs("ie", nexthopVrfStatus_, nexthopBacklog_, forwardingGenStatus_, scheduler_);
+  handleConfig();
+}
+
+void NexthopToViaNexthopSm::handleConfig() {
+  DUALLOG_TRACE(8, "vrfName ", vrfName_);
+  if (!config_) return;
+  for (const NexthopIntfId nexthopIntfId : config_->config()) handleConfig(nexthopIntfId);
+}
+
+void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
+  const Netval::IpGenAddr nh = nexthopIntfId.nexthop();
+  const Netval::IntfId intf = nexthopIntfId.intfId();
+  NexthopRequest::Ptr request = allNexthopRequests_->request(nh);
+  if (config_ && config_->configHas(nexthopIntfId)) {
+    DUALLOG_TRACE(8, "Resolve request added - vrf: ", vrfName_, " nexthop: ", nh,
+                  " intfId: ", intf);
+    if (!request) {
+      DUALLOG_TRACE(8, "New nexthop to track : ", nh);
+      request = allNexthopRequests_->requestIs(nh);
+      // Registered once, with the first interface; withdrawn with the last.
+      nexthopVrfConfig_->nexthopIs(Routing::NexthopConfigEntry(nh));
+    } else {
+      DUALLOG_TRACE(8, "Nexthop being tracked already");
+    }
+    request->addIntfId(intf);
+    DUALLOG_TRACE(8, "Nexthop being tracked for ", request->intfViaInfoCount(), " interfaces now");
+    // A new interface gets its via from the current resolution, without waiting for the backlog.
+    reviewNexthopRequest(request);
+  } else {
+    DUALLOG_TRACE(8, "Resolve request deleted - vrf: ", vrfName_, " nexthop: ", nh,
+                  " intfId: ", intf);
+    CORE_ASSERT(request);
+    request->delIntfId(intf);
+    status_->mapDel(nexthopIntfId);
+    const size_t remaining = request->intfViaInfoCount();
+    DUALLOG_TRACE(8, "Nexthop being tracked for ", remaining, " interfaces now");
+    if (remaining == 0) {
+      nexthopVrfConfig_->nexthopDel(nh);
+      allNexthopRequests_->requestDel(nh);
+      DUALLOG_TRACE(8, "Last tracking interface removed..stop tracking nexthop ", nh);
+    }
+  }
+  DUALLOG_TRACE(8, "Total number of nexthops tracked for vrf ", vrfName_, " are ",
+                nexthopVrfConfig_->nexthopCount());
+}
+
+void NexthopToViaNexthopSm::handleNexthopBacklog() {
+  DUALLOG_TRACE(8, "vrfName: ", vrfName_);
+  // Held for the walk: a handler may drop the stage's own reference.
+  const Routing::NexthopBacklog::Ptr backlog = nexthopBacklog_;
+  if (!backlog) return;
+  const Routing::NexthopBacklog::BacklogColl& addrs = backlog->backlog();
+  for (auto it = addrs.begin(); it != addrs.end(); ++it) {
+    // Copied: the removal below destroys the member the iterator points at.
+    const Netval::IpGenAddr addr = *it;
+    DUALLOG_TRACE(8, "Backlog nexthopResolver addr: ", addr);
+    backlog->backlogDel(addr);
+    handleNexthopStatus(addr);
+  }
+}
+
+void NexthopToViaNexthopSm::handleNexthopStatus(const Netval::IpGenAddr& addr) {
+  const NexthopRequest::Ptr request = allNexthopRequests_->request(addr);
+  if (!request) return;
+  DUALLOG_TRACE(8, "Proceeding to reviewNexthopRequest for nexthop ", addr);
+  reviewNexthopRequest(request);
+}
+
+Memtab::FibGen::Fec NexthopToViaNexthopSm::fecCopy(Memtab::Fib::FecId fecId) const {
+  // A failed mount upstream leaves no table: it reads as a table without FECs.
+  if (!forwardingGenStatus_) return Memtab::FibGen::Fec();
+  try {
+    return forwardingGenStatus_->fec(fecId);
+  } catch (const Memtab::FibGen::CorruptionError& error) {
+    forwardingGenStatus_->doCorruptionDetected(error.what());
+    return Memtab::FibGen::Fec();
+  }
+}
+
+void NexthopToViaNexthopSm::reviewNexthopRequest(const Core::Ptr<NexthopRequest>& request) {
+  const Netval::IpGenAddr nh = request->nexthop();
+  // One look-up serves both the resolved test and the FEC id.
+  const Routing::NexthopStatusEntry* entry =
+      nexthopVrfStatus_ ? nexthopVrfStatus_->nexthopFind(nh) : nullptr;
+  if (entry) {
+    const Memtab::Fib::FecId fecId = entry->fecId();
+    const Memtab::FibGen::Fec fec = fecCopy(fecId);
+    const size_t viaCount = fec.viaCount();
+    DUALLOG_TRACE(8, "Addr resolved for ", nh, " fec id: ", fecId, " number of via: ", viaCount);
+    for (uint32_t i = 0; i < viaCount; ++i) {
+      const Memtab::FibGen::Via& via = fec.via(Memtab::Fib::ViaIndex(i));
+      const Netval::IntfId intf = via.intfId();
+      DUALLOG_TRACE(8, "viaNexthop: ", via.hop(), ", IntfId: ", intf.shortName());
+      const IntfViaInfo::Ptr info = request->intfViaInfo(intf);
+      if (!info) continue;
+      const Netval::IpGenAddr& candidate = viaCandidate(via.hop(), nh);
+      DUALLOG_TRACE(8, "Via found for nexthop ", nh, " through interface ", intf,
+                    " and viaNexthop ", candidate);
+      cacheCandidate(*info, candidate);
+    }
+  }
+  for (const IntfViaInfo::Ptr& info : request->intfViaInfo()) {
+    info->viaNexthopIs(info->cachedViaNexthop());
+    info->cachedViaNexthopIs(emptyAddr());
+    // Copied: the publication's handlers may change the collection under the loop.
+    const Netval::IntfId intfId = info->intfId();
+    const Netval::IpGenAddr viaNexthop = info->viaNexthop();
+    if (isEmpty(viaNexthop)) {
+      DUALLOG_TRACE(8, "No via found for nexthop ", nh, " through interface ", intfId);
+    }
+    reviewNexthop(nh, intfId, viaNexthop);
+  }
+}
+
+void NexthopToViaNexthopSm::reviewNexthop(const Netval::IpGenAddr& nexthop, Netval::IntfId intfId,
+                                          const Netval::IpGenAddr& viaNexthop) {
+  DUALLOG_TRACE(8, "ViaNexthop info for nexthop ", nexthop, " intfId ", intfId, "  is ",
+                viaNexthop);
+  const NexthopIntfId key(nexthop, intfId);
+  if (isEmpty(viaNexthop)) {
+    status_->mapDel(key);
+    return;
+  }
+  // Set on every review; the map notifies only when the entry changes.
+  status_->mapIs(NexthopToViaNexthopMapEntry(key, viaNexthop));
+}
+
+void NexthopToViaNexthopSm::doCleanup() {
+  DUALLOG_TRACE(8, "vrfName ", vrfName_);
+  nexthopVrfConfig_->nexthopDelAll();
+  if (nexthopBacklog_) nexthopBacklog_->backlogDelAll();
+  nexthopBacklogDel();
+  status_->mapDelAll();
+}
+
+void NexthopToViaNexthopSm::allNexthopRequestsIs() {
+  if (!allNexthopRequests_) allNexthopRequests_ = AllNexthopRequests::AllNexthopRequestsIs();
+}
+
+void NexthopToViaNexthopSm::nexthopBacklogIs(const Core::Ptr<Routing::NexthopBacklog>& backlog) {
+  backlogSlot_.notifierIs(backlog.get());
+  nexthopBacklog_ = backlog;
+}
+
+void NexthopToViaNexthopSm::nexthopBacklogDel() {
+  backlogSlot_.notifierIs(nullptr);
+  nexthopBacklog_ = nullptr;
+}
+
+void NexthopToViaNexthopSm::fibMonitorHelperSmIs(
+    const std::string& clientName,
+    const Core::Ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus,
+    const Core::Ptr<Routing::NexthopBacklog>& nexthopBacklog,
+    const Core::Ptr<const Memtab::FibGen::ForwardingStatus>& forwardingStatus,
+    const Core::Ptr<Hub::TaskScheduler>& scheduler) {
+  const Routing::FibMonitorHelperSm::Ptr& held = fibMonitorHelperSm_;
+  const bool same = held && held->clientName() == clientName &&
+                    held->nexthopVrfStatus() == nexthopVrfStatus &&
+                    held->nexthopBacklog() == nexthopBacklog &&
+                    held->forwardingStatus() == forwardingStatus && held->scheduler() == scheduler;
+  if (!same) {
+    fibMonitorHelperSm_ = Routing::FibMonitorHelperSm::FibMonitorHelperSmIs(
+        clientName, nexthopVrfStatus, nexthopBacklog, forwardingStatus, scheduler);
+  }
+  fibMonitorHelperSm_->hasNotificationActiveIs(true);
+}
+
+void NexthopToViaNexthopSm::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
+  ctx.line(indent, "NexthopToViaNexthopSm - %s\n", vrfName_.c_str());
+  ctx.line(indent + 2, "config\n");
+  ctx.dumpChild(config_.get(), indent + 4);
+  ctx.line(indent + 2, "status\n");
+  ctx.genericDump(*status_, indent + 4);
+  const size_t requests = allNexthopRequests_ ? allNexthopRequests_->requestCount() : 0;
+  ctx.line(indent + 2, "allNexthopRequests: #%u\n", static_cast<unsigned>(requests));
+  if (!allNexthopRequests_) return;
+  for (const NexthopRequest::Ptr& request : allNexthopRequests_->request()) {
+    ctx.dumpChild(request.get(), indent + 4);
+  }
+}
+
+}  // namespace FwdL3Unicast
