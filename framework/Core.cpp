@@ -44,14 +44,20 @@ void Publisher::compact() {
 }
 
 void Publisher::publish(AttrId attr, const void* key) {
-  ++depth_;
+  // Leaves the publication also when a handler throws, so that vacated entries are compacted.
+  struct Depth {
+    Publisher& publisher;
+    explicit Depth(Publisher& p) : publisher(p) { ++publisher.depth_; }
+    ~Depth() {
+      if (--publisher.depth_ == 0 && publisher.vacant_ != 0) publisher.compact();
+    }
+  } depth(*this);
   // Subscribers added by a handler sit beyond `count` and first hear the next publication.
   const size_t count = subscribers_.size();
   for (size_t i = 0; i < count; ++i) {
     Subscriber* s = subscribers_[i];
     if (s) s->dispatch_(*s, attr, key);
   }
-  if (--depth_ == 0 && vacant_ != 0) compact();
 }
 
 void Subscriber::subscribe(Publisher& publisher) {

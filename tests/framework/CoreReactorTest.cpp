@@ -190,3 +190,23 @@ TEST(Reactor, SwitchingTheOwnerOffReachesNestedReactors) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Reactor, HandlerThrowingLeavesThePublisherUsable) {
+  auto box = Core::makePtr<Box>();
+  auto first = Core::makePtr<Watcher>(box);
+  auto second = Core::makePtr<Watcher>(box);
+  first->onKey = [&](uint32_t) {
+    second = nullptr;
+    throw std::runtime_error("handler failed");
+  };
+  EXPECT_THROW(box->keys.set(5), std::runtime_error);
+  first->onKey = nullptr;
+  // The vacated entry of the destroyed reactor is gone and later publications reach the rest.
+  EXPECT_EQ(box->publisher().subscriberCount(), 1u);
+  box->keys.set(6);
+  EXPECT_EQ(first->seen.back(), 6u);
+}
+
+}  // namespace
