@@ -1,0 +1,450 @@
+#include "Fwd/FwdViaNexthopMacToNhIndexSm.h"
+
+#include <algorithm>
+#include <string>
+
+#include "framework/Assert.h"
+#include "framework/DualLog.h"
+
+namespace FwdL3Unicast {
+
+namespace {
+
+DualLog::Handle& traceHandle() {
+  static DualLog::Handle handle("FwdViaNexthopMacToNhIndexSm", false);
+  return handle;
+}
+
+constexpr uint32_t invalidNhIndex() { return NexthopNhIndexResolverConstants::invalidNhIndex(); }
+
+const Netval::EthAddr& zeroMac() {
+  static const Netval::EthAddr zero;
+  return zero;
+}
+
+using MacEntry = Core::MapEntry<uint32_t, Netval::EthAddr>;
+
+}  // namespace
+
+uint32_t getNextHopMacNhIndex(const Core::Ptr<const NextHopMod>& nextHopMod, Netval::EthAddr mac) {
+  if (!nextHopMod) return invalidNhIndex();
+  for (const MacEntry& entry : nextHopMod->nhIndexToMac()) {
+    if (entry.value == mac) return entry.key;
+  }
+  return invalidNhIndex();
+}
+
+IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::NestedSm_RequesterColl(
+    const RequesterColl::Ptr& requesterColl,
+    IntfViaNexthopMacToNhIndexSm* intfViaNexthopMacToNhIndexSm)
+    : requesterColl_(requesterColl), intfViaNexthopMacToNhIndexSm_(intfViaNexthopMacToNhIndexSm) {
+  handleInitialized();
+}
+
+IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::Ptr
+IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::NestedSm_RequesterCollIs(
+    const RequesterColl::Ptr& requesterColl,
+    IntfViaNexthopMacToNhIndexSm* intfViaNexthopMacToNhIndexSm) {
+  return Ptr(new NestedSm_RequesterColl(requesterColl, intfViaNexthopMacToNhIndexSm));
+}
+
+const Netval::EthAddr& IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::macAddr() const {
+  return requesterColl_ ? requesterColl_->macAddr() : zeroMac();
+}
+
+void IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::notifierIs(
+    const RequesterColl::Ptr& requesterColl) {
+  if (requesterColl == requesterColl_) return;
+  requesterColl_ = requesterColl;
+  requesterCollSlot_.notifierIs(requesterColl_.get());
+}
+
+void IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::handleInitialized() {
+  DUALLOG_TRACE(8, "mac : ", macAddr());
+  CORE_ASSERT(requesterColl());
+  CORE_ASSERT(intfViaNexthopMacToNhIndexSm());
+  IntfViaNexthopMacToNhIndexSm& sm = *intfViaNexthopMacToNhIndexSm_;
+  const Netval::EthAddr mac = requesterColl_->macAddr();
+  const uint32_t nh = sm.searchNhIndex(*requesterColl_);
+  if (nh == invalidNhIndex()) return;
+  DUALLOG_TRACE(8, "Found nhIndex : ", nh, " for mac: ", mac);
+  // Direct, not through addStatus: a group still marked found is rewritten with this result.
+  sm.addStatusHelper(requesterColl_, nh);
+}
+
+void IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::handleRequester(
+    const Netval::IpGenAddr& nexthop) {
+  DUALLOG_TRACE(8, "mac : ", macAddr(), ", nexthop : ", nexthop);
+  CORE_ASSERT(requesterColl());
+  IntfViaNexthopMacToNhIndexSm& sm = *intfViaNexthopMacToNhIndexSm_;
+  const NexthopIntfId key(nexthop, sm.intfId());
+  if (requesterColl_->requesterCollHas(nexthop)) {
+    if (!requesterColl_->nhIndexFound()) return;
+    const uint32_t nhIndex = requesterColl_->nhIndex();
+    DUALLOG_TRACE(8, "Using already found nhIndex : ", nhIndex, " for nexthop: ", nexthop,
+                  " intfId: ", sm.intfId());
+    CORE_ASSERT(intfViaNexthopMacToNhIndexSm()->status());
+    sm.status()->mapIs(ViaNexthopMacToNhIndexMapEntry(key, nhIndex));
+    return;
+  }
+  DUALLOG_TRACE(8, "Deleting status for nexthop: ", nexthop, " intfId: ", sm.intfId());
+  if (sm.status()) sm.status()->mapDel(key);
+}
+
+void IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::doCleanup() {
+  DUALLOG_TRACE(8, "mac : ", macAddr());
+  if (!requesterColl_) return;
+  requesterColl_->nhIndexFoundIs(false);
+  requesterColl_->nhIndexIs(invalidNhIndex());
+}
+
+IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSm(
+    Netval::IntfId intfId, const IntfViaNexthopMacToNhIndexRequest::Ptr& request,
+    const Core::Ptr<const NextHopMod>& nextHopMod, const ViaNexthopMacToNhIndexMap::Ptr& status)
+    : intfId_(intfId),
+      intfViaNexthopMacToNhIndexRequest_(request),
+      nextHopMod_(nextHopMod),
+      status_(status) {
+  if (intfViaNexthopMacToNhIndexRequest_) {
+    for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
+      if (group->nhIndexFound()) foundBeforeScan_.push_back(group.get());
+    }
+  }
+  handleInitialized();
+  scanDecided_ = true;
+  for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
+    requesterCollIs(group);
+  }
+  scanDecided_ = false;
+  foundBeforeScan_ = {};
+}
+
+uint32_t IntfViaNexthopMacToNhIndexSm::searchNhIndex(const RequesterColl& group) const {
+  // The table scan gave every group that was not found before it the first index of its MAC in
+  // table order (or none): exactly what the search returns, without one walk per group.
+  const bool decided = scanDecided_ && std::find(foundBeforeScan_.begin(), foundBeforeScan_.end(),
+                                                 &group) == foundBeforeScan_.end();
+  if (!decided) return getNextHopMacNhIndex(nextHopMod_, group.macAddr());
+  return group.nhIndexFound() ? group.nhIndex() : invalidNhIndex();
+}
+
+IntfViaNexthopMacToNhIndexSm::Ptr IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSmIs(
+    Netval::IntfId intfId, const IntfViaNexthopMacToNhIndexRequest::Ptr& request,
+    const Core::Ptr<const NextHopMod>& nextHopMod, const ViaNexthopMacToNhIndexMap::Ptr& status) {
+  return Ptr(new IntfViaNexthopMacToNhIndexSm(intfId, request, nextHopMod, status));
+}
+
+void IntfViaNexthopMacToNhIndexSm::requesterCollIs(const RequesterColl::Ptr& requesterColl) {
+  if (NestedSm_RequesterColl::Ptr existing = requesterColl_.get(requesterColl->macAddr())) {
+    existing->notifierIs(requesterColl);
+    return;
+  }
+  NestedSm_RequesterColl::Ptr nested =
+      NestedSm_RequesterColl::NestedSm_RequesterCollIs(requesterColl, this);
+  if (!hasNotificationActive()) nested->hasNotificationActiveIs(false);
+  requesterColl_.set(nested);
+}
+
+void IntfViaNexthopMacToNhIndexSm::requesterCollDel(Netval::EthAddr macAddr) {
+  requesterColl_.del(macAddr);
+}
+
+void IntfViaNexthopMacToNhIndexSm::handleRequesterColl(const Netval::EthAddr& macAddr) {
+  if (RequesterColl::Ptr group = intfViaNexthopMacToNhIndexRequest_->requesterColl(macAddr)) {
+    requesterCollIs(group);
+  } else {
+    requesterCollDel(macAddr);
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::handleInitialized() {
+  DUALLOG_TRACE(8, "intfId ", intfId_);
+  CORE_ASSERT(intfViaNexthopMacToNhIndexRequest());
+  cleanupStatus();
+  handleNhIndexToMac();
+}
+
+void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac() {
+  if (!nextHopMod_) return;
+  for (const MacEntry& entry : nextHopMod_->nhIndexToMac()) handleMacAdd(entry.value, entry.key);
+}
+
+void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac(uint32_t nhIndex) {
+  const auto values =
+      Core::getNotifyValues<MacEntry>(nextHopMod_.get(), NextHopMod::nhIndexToMacAttr);
+  if (values.oldValue) {
+    const Netval::EthAddr oldMac = values.oldValue->value;
+    DUALLOG_TRACE(8, "NhIndex ", nhIndex, " deleted for mac : ", oldMac);
+    handleMacDel(oldMac, nhIndex);
+  }
+  if (values.newValue) {
+    const Netval::EthAddr newMac = values.newValue->value;
+    DUALLOG_TRACE(8, "NhIndex ", nhIndex, " added for mac : ", newMac);
+    handleMacAdd(newMac, nhIndex);
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::handleMacAdd(Netval::EthAddr mac, uint32_t nhIndex) {
+  const RequesterColl::Ptr group = intfViaNexthopMacToNhIndexRequest_->requesterColl(mac);
+  if (!group) return;
+  CORE_ASSERT(nextHopMod());
+  addStatus(group, nhIndex);
+}
+
+void IntfViaNexthopMacToNhIndexSm::handleMacDel(Netval::EthAddr mac, uint32_t nhIndex) {
+  const RequesterColl::Ptr group = intfViaNexthopMacToNhIndexRequest_->requesterColl(mac);
+  if (!group) return;
+  CORE_ASSERT(nextHopMod());
+  delStatus(group, nhIndex);
+}
+
+void IntfViaNexthopMacToNhIndexSm::addStatus(const RequesterColl::Ptr& requester,
+                                             uint32_t nhIndex) {
+  CORE_ASSERT(requester);
+  if (requester->nhIndexFound()) {
+    DUALLOG_TRACE(8, "NhIndex already found for mac : ", requester->macAddr(), "..skipping");
+    return;
+  }
+  addStatusHelper(requester, nhIndex);
+}
+
+void IntfViaNexthopMacToNhIndexSm::addStatusHelper(const RequesterColl::Ptr& requester,
+                                                   uint32_t nhIndex) {
+  CORE_ASSERT(NexthopNhIndexResolverConstants::invalidNhIndex() != nhIndex);
+  CORE_ASSERT(requester);
+  DUALLOG_TRACE(7, "nhIndex : ", nhIndex, " found for mac : ", requester->macAddr(),
+                " under intfId : ", intfId_);
+  requester->nhIndexFoundIs(true);
+  requester->nhIndexIs(nhIndex);
+  for (const Netval::IpGenAddr nexthop : requester->requesterColl()) {
+    DUALLOG_TRACE(8, "nhIndex for nexthop: ", nexthop, " intfId: ", intfId_, " is ", nhIndex);
+    if (status_)
+      status_->mapIs(ViaNexthopMacToNhIndexMapEntry(NexthopIntfId(nexthop, intfId_), nhIndex));
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::delStatus(const RequesterColl::Ptr& requester,
+                                             uint32_t nhIndex) {
+  CORE_ASSERT(requester);
+  if (nhIndex != requester->nhIndex()) return;
+  CORE_ASSERT(requester->nhIndexFound());
+  // The table already reflects the change, so the lost index is not found again.
+  const uint32_t next = getNextHopMacNhIndex(nextHopMod_, requester->macAddr());
+  if (next != invalidNhIndex()) {
+    addStatusHelper(requester, next);
+    return;
+  }
+  requester->nhIndexFoundIs(false);
+  requester->nhIndexIs(invalidNhIndex());
+  for (const Netval::IpGenAddr nexthop : requester->requesterColl()) {
+    DUALLOG_TRACE(8, "No nhIndex for nexthop: ", nexthop, " intfId: ", intfId_);
+    if (status_) status_->mapDel(NexthopIntfId(nexthop, intfId_));
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::cleanupStatus() {
+  if (!status_) return;
+  for (auto it = status_->map().begin(); it != status_->map().end(); ++it) {
+    const NexthopIntfId key = it->nexthopIntfId();
+    if (key.intfId() == intfId_) status_->mapDel(key);
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::doCleanup() {
+  DUALLOG_TRACE(8, "intfId ", intfId_);
+  cleanupStatus();
+  for (const NestedSm_RequesterColl::Ptr& nested : requesterColl_) nested->doCleanup();
+}
+
+void IntfViaNexthopMacToNhIndexSm::hasNotificationActiveIs(bool active) {
+  Core::Reactor::hasNotificationActiveIs(active);
+  for (const NestedSm_RequesterColl::Ptr& nested : requesterColl_) {
+    nested->hasNotificationActiveIs(active);
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
+  ctx.line(indent, "IntfViaNexthopMacToNhIndexSm - interface %s\n", intfId_.name().c_str());
+  ctx.dumpChild(intfViaNexthopMacToNhIndexRequest_.get(), indent + 2);
+}
+
+AllIntfViaNexthopMacToNhIndexSm::~AllIntfViaNexthopMacToNhIndexSm() { smDelAll(); }
+
+IntfViaNexthopMacToNhIndexSm::Ptr AllIntfViaNexthopMacToNhIndexSm::smIs(
+    Netval::IntfId intfId, const IntfViaNexthopMacToNhIndexRequest::Ptr& request,
+    const Core::Ptr<const NextHopMod>& nextHopMod, const ViaNexthopMacToNhIndexMap::Ptr& status) {
+  if (IntfViaNexthopMacToNhIndexSm::Ptr existing = sm_.get(intfId)) {
+    if (existing->intfViaNexthopMacToNhIndexRequest() == request &&
+        existing->nextHopMod() == nextHopMod && existing->status() == status) {
+      return existing;
+    }
+    throw Core::ReinstantiationError("AllIntfViaNexthopMacToNhIndexSm::smIs: interface " +
+                                     intfId.name() + " has a machine built from other arguments");
+  }
+  IntfViaNexthopMacToNhIndexSm::Ptr created =
+      IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSmIs(intfId, request, nextHopMod,
+                                                                   status);
+  sm_.set(created);
+  return created;
+}
+
+bool AllIntfViaNexthopMacToNhIndexSm::smDel(Netval::IntfId intfId) {
+  const IntfViaNexthopMacToNhIndexSm::Ptr removed = sm_.get(intfId);
+  if (!removed) return false;
+  sm_.del(intfId);
+  // Off first, so the machine does not react to its own clean-up.
+  removed->hasNotificationActiveIs(false);
+  removed->doCleanup();
+  return true;
+}
+
+void AllIntfViaNexthopMacToNhIndexSm::smDelAll() {
+  for (auto it = sm_.begin(); it != sm_.end(); ++it) {
+    const Netval::IntfId intfId = it.key();
+    smDel(intfId);
+  }
+}
+
+ViaNexthopMacToNhIndexSm::ViaNexthopMacToNhIndexSm(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopToViaNexthopMacMap>& config,
+    const Core::Ptr<const L3Modules>& l3Modules, const ViaNexthopMacToNhIndexMap::Ptr& status)
+    : vrfName_(vrfName), config_(config), l3Modules_(l3Modules), status_(status) {
+  handleInitialized();
+}
+
+ViaNexthopMacToNhIndexSm::~ViaNexthopMacToNhIndexSm() {
+  hasNotificationActiveIs(false);
+  doCleanup();
+}
+
+ViaNexthopMacToNhIndexSm::Ptr viaNexthopMacToNhIndexSmFactory(
+    const L3::VrfName& vrfName, const Core::Ptr<const NexthopToViaNexthopMacMap>& config,
+    const Core::Ptr<const L3Modules>& l3Modules, const ViaNexthopMacToNhIndexMap::Ptr& status) {
+  ViaNexthopMacToNhIndexSm::Ptr sm(
+      new ViaNexthopMacToNhIndexSm(vrfName, config, l3Modules, status));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+void ViaNexthopMacToNhIndexSm::handleInitialized() {
+  DUALLOG_TRACE(8, "vrfName : ", vrfName_);
+  if (status_) status_->mapDelAll();
+  allIntfViaNexthopMacToNhIndexRequest_ =
+      AllIntfViaNexthopMacToNhIndexRequest::AllIntfViaNexthopMacToNhIndexRequestIs();
+  requestSlot_.notifierIs(allIntfViaNexthopMacToNhIndexRequest_.get());
+  allIntfViaNexthopMacToNhIndexSm_ =
+      AllIntfViaNexthopMacToNhIndexSm::AllIntfViaNexthopMacToNhIndexSmIs();
+  handleConfig();
+}
+
+void ViaNexthopMacToNhIndexSm::handleConfig() {
+  DUALLOG_TRACE(8, "vrfName : ", vrfName_);
+  if (!config_) return;
+  for (const NexthopToViaNexthopMacMapEntry& entry : config_->map()) {
+    const NexthopToViaNexthopMacMapEntry copy = entry;
+    handleAdd(copy);
+  }
+}
+
+void ViaNexthopMacToNhIndexSm::handleConfig(const NexthopIntfId&) {
+  const auto values = Core::getNotifyValues<NexthopToViaNexthopMacMapEntry>(
+      config_.get(), NexthopToViaNexthopMacMap::mapAttr);
+  if (values.oldValue) handleDel(*values.oldValue);
+  if (values.newValue) handleAdd(*values.newValue);
+}
+
+void ViaNexthopMacToNhIndexSm::handleAdd(const NexthopToViaNexthopMacMapEntry& entry) {
+  const NexthopIntfId& key = entry.nexthopIntfId();
+  DUALLOG_TRACE(8, "Find nhIndex request added - vrf: ", vrfName_, " nexthop: ", key.nexthop(),
+                " intfId: ", key.intfId(), " ethaddr ", entry.macAddr());
+  IntfViaNexthopMacToNhIndexRequest::Ptr request =
+      allIntfViaNexthopMacToNhIndexRequest_->request(key.intfId());
+  if (!request) {
+    DUALLOG_TRACE(8, "New request for interface ", key.intfId());
+    // Notifies handleIntfViaNexthopMacToNhIndexRequest, which may start the machine right away.
+    request = allIntfViaNexthopMacToNhIndexRequest_->requestIs(key.intfId());
+  }
+  request->addRequester(entry.macAddr(), key.nexthop());
+}
+
+void ViaNexthopMacToNhIndexSm::handleDel(const NexthopToViaNexthopMacMapEntry& entry) {
+  const NexthopIntfId& key = entry.nexthopIntfId();
+  DUALLOG_TRACE(8, "Find nhIndex request deleted - vrf: ", vrfName_, " nexthop: ", key.nexthop(),
+                " intfId: ", key.intfId(), " ethaddr ", entry.macAddr());
+  const IntfViaNexthopMacToNhIndexRequest::Ptr request =
+      allIntfViaNexthopMacToNhIndexRequest_->request(key.intfId());
+  CORE_ASSERT(request);
+  request->delRequester(entry.macAddr(), key.nexthop());
+  if (request->requesterCollCount() != 0) return;
+  DUALLOG_TRACE(8, "Deleting request for interface ", key.intfId());
+  allIntfViaNexthopMacToNhIndexRequest_->requestDel(key.intfId());
+}
+
+void ViaNexthopMacToNhIndexSm::handleIntfViaNexthopMacToNhIndexRequest(Netval::IntfId intfId) {
+  DUALLOG_TRACE(8, "intfId ", intfId);
+  const IntfViaNexthopMacToNhIndexRequest::Ptr request =
+      allIntfViaNexthopMacToNhIndexRequest_->request(intfId);
+  if (!request) {
+    allIntfViaNexthopMacToNhIndexSm_->smDel(intfId);
+    return;
+  }
+  CORE_ASSERT(l3Modules());
+  const Core::Ptr<const NextHopMod> nextHopMod = l3Modules_->nextHopMod(intfId);
+  // Without a module the machine waits for handleNexthopMod.
+  if (!nextHopMod) return;
+  allIntfViaNexthopMacToNhIndexSm_->smIs(intfId, request, nextHopMod, status_);
+}
+
+void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
+  const IntfViaNexthopMacToNhIndexRequest::Ptr request =
+      allIntfViaNexthopMacToNhIndexRequest_->request(intfId);
+  Core::Ptr<const NextHopMod> nextHopMod = l3Modules_ ? l3Modules_->nextHopMod(intfId) : nullptr;
+  if (!nextHopMod) {
+    DUALLOG_TRACE(8, "NexthopMod removed for intfId : ", intfId);
+    if (!request) return;
+    DUALLOG_TRACE(8, "Deleting IntfViaNexthopMacToNhIndexSm for intfId : ", intfId);
+    allIntfViaNexthopMacToNhIndexSm_->smDel(intfId);
+    return;
+  }
+  DUALLOG_TRACE(8, "NexthopMod inserted for intfId : ", intfId);
+  if (!request) return;
+  nextHopMod = l3Modules_->nextHopMod(intfId);
+  CORE_ASSERT(nextHopMod);
+  DUALLOG_TRACE(8, "Creating IntfViaNexthopMacToNhIndexSm for intfId : ", intfId);
+  // A repeated notification finds the machine already built from the same objects.
+  allIntfViaNexthopMacToNhIndexSm_->smIs(intfId, request, nextHopMod, status_);
+}
+
+void ViaNexthopMacToNhIndexSm::doCleanup() {
+  DUALLOG_TRACE(8, "vrfName : ", vrfName_);
+  if (status_) status_->mapDelAll();
+}
+
+void ViaNexthopMacToNhIndexSm::hasNotificationActiveIs(bool active) {
+  Core::Reactor::hasNotificationActiveIs(active);
+  if (!allIntfViaNexthopMacToNhIndexSm_) return;
+  for (const IntfViaNexthopMacToNhIndexSm::Ptr& sm : allIntfViaNexthopMacToNhIndexSm_->sm()) {
+    sm->hasNotificationActiveIs(active);
+  }
+}
+
+void ViaNexthopMacToNhIndexSm::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
+  ctx.line(indent, "ViaNexthopMacToNhIndexSm - %s\n", vrfName_.c_str());
+  ctx.line(indent + 2, "config\n");
+  ctx.dumpChild(config_.get(), indent + 4);
+  ctx.line(indent + 2, "status\n");
+  ctx.dumpChildPointer(status_.get(), indent + 4);
+  const auto requestCount = static_cast<unsigned>(
+      allIntfViaNexthopMacToNhIndexRequest_ ? allIntfViaNexthopMacToNhIndexRequest_->requestCount()
+                                            : 0);
+  ctx.line(indent + 2, "allIntfViaNexthopMacToNhIndexRequest: #%u\n", requestCount);
+  const auto smCount = static_cast<unsigned>(
+      allIntfViaNexthopMacToNhIndexSm_ ? allIntfViaNexthopMacToNhIndexSm_->smCount() : 0);
+  ctx.line(indent + 2, "allIntfViaNexthopMacToNhIndexSm: #%u\n", smCount);
+  if (!allIntfViaNexthopMacToNhIndexSm_) return;
+  for (const IntfViaNexthopMacToNhIndexSm::Ptr& sm : allIntfViaNexthopMacToNhIndexSm_->sm()) {
+    ctx.dumpChild(sm.get(), indent + 4);
+  }
+}
+
+}  // namespace FwdL3Unicast
