@@ -1,0 +1,266 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Fwd/FwdNexthopNhIndexResolverSm.h"
+#include "support/FwdTestValues.h"
+#include "support/ResolverFixture.h"
+#include "support/TraceCapture.h"
+
+namespace {
+
+using namespace FwdL3Unicast;
+using FwdTest::assertionRegex;
+using FwdTest::ip;
+using FwdTest::key;
+using FwdTest::nhIntf;
+using FwdTest::vrf;
+
+std::string rootText(const std::string& function, const std::string& message) {
+  return "void FwdL3Unicast::NexthopNhIndexResolverSm::" + function +
+         "(const L3::VrfName&): " + message;
+}
+constexpr const char* kInstantiate =
+    "void FwdL3Unicast::NexthopNhIndexResolverSm::checkAndInstantiateVrfSm(const L3::VrfName&)";
+
+class ReadinessTest : public ::testing::Test, public FwdTest::ResolverFixture {
+ protected:
+  AllVrfNexthopNhIndexResolverSm& pipelines() { return *root->allVrfNexthopNhIndexResolverSm(); }
+  VrfNexthopNhIndexResolverSm::Ptr pipeline(const char* vrfName) {
+    return pipelines().sm(vrf(vrfName));
+  }
+  // A tracked VRF with a routing status but no L3 status.
+  void trackedWithoutL3Status(const char* vrfName) {
+    if (!root) rootIs();
+    configDir->configIs(key(vrfName, "10.0.0.1", "Ethernet1"));
+    resolver.run();
+  }
+};
+
+TEST_F(ReadinessTest, PipelineStartsOnceVrfL3StatusArrives) {
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  trackedWithoutL3Status("red");
+  ASSERT_TRUE(nexthopStatus->vrfHas(vrf("red")));
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+
+  TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
+  vrfL3StatusIs("red", 1);
+  ASSERT_TRUE(pipeline("red"));
+  // The new pipeline registered the nexthop; the resolver answers on its next run.
+  EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
+  resolver.run();
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  ASSERT_GE(trace.lines().size(), 2u);
+  EXPECT_EQ(trace.texts()[0], rootText("handleVrfL3Status", "vrf: red status added"));
+  EXPECT_EQ(trace.texts()[1],
+            std::string(kInstantiate) +
+                ": Instantiating VrfNexthopNhIndexResolverSm for vrf: red fecMode: 2");
+}
+
+TEST_F(ReadinessTest, LosingVrfL3StatusDropsPipelineAndRegainingRebuildsAllRequests) {
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  resolvableIs("10.0.1.1", "Ethernet2", "10.0.1.254", 101, "00:00:00:00:00:bb", 6);
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  configDir->configIs(key("red", "10.0.1.1", "Ethernet2"));
+  resolver.run();
+  ASSERT_EQ(statusDir->statusCount(), 2u);
+
+  TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
+  vrfL3StatusDel("red");
+  EXPECT_TRUE(trace.contains(rootText("handleVrfL3Status", "vrf: red status deleted")));
+  EXPECT_TRUE(trace.contains(
+      rootText("checkAndDestroyVrfSm", "Destroying VrfNexthopNhIndexResolverSm of vrf: red")));
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+  // The VRF stays tracked.
+  EXPECT_EQ(root->allVrfNexthopNhIndexResolverConfigDir()->vrfConfig(vrf("red"))->configCount(),
+            2u);
+  EXPECT_TRUE(nexthopConfig->vrfHas(vrf("red")));
+  EXPECT_TRUE(root->allVrfNexthopNhIndexResolverStatusDir()->vrfStatusHas(vrf("red")));
+  EXPECT_TRUE(root->vrfStatus(vrf("red")));
+
+  vrfL3StatusIs("red", 1);
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  EXPECT_EQ(publishedNhIndex("red", "10.0.1.1", "Ethernet2"), 6u);
+}
+
+TEST_F(ReadinessTest, LosingRoutingVrfStatusDropsPipelineUntilItReturns) {
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  ASSERT_TRUE(pipeline("red"));
+
+  TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
+  nexthopStatus->vrfDel(vrf("red"));
+  EXPECT_EQ(trace.texts().front(),
+            rootText("handleNexthopVrfStatus", "nexthopVrfStatus deleted for vrf: red"));
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+
+  trace.clear();
+  resolver.run();
+  EXPECT_EQ(trace.texts().front(),
+            rootText("handleNexthopVrfStatus", "nexthopVrfStatus created for vrf: red"));
+  EXPECT_TRUE(pipeline("red"));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+}
+
+TEST_F(ReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
+  ASSERT_TRUE(running);
+
+  TestSupport::TraceCapture trace("*/8");
+  vrfStatusAll->vrfStatusIs(Plane::VrfL3Status(vrf("red"), 7));
+  EXPECT_EQ(trace.count("Instantiating VrfNexthopNhIndexResolverSm for vrf: red"), 1u);
+  EXPECT_EQ(trace.count("VrfNexthopNhIndexResolverSm::handleInitialized()"), 0u);
+  EXPECT_EQ(pipeline("red"), running);
+  EXPECT_EQ(pipelines().smCount(), 1u);
+}
+
+TEST_F(ReadinessTest, DefaultVrfUsesRootTableInEveryFecMode) {
+  fecModeStatus->fecModeIs(Memtab::Fib::fecModePerVrf());
+  vrfL3StatusIs("default", 1);
+  rootIs();
+  configDir->configIs(key("default", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  ASSERT_TRUE(pipeline("default"));
+  EXPECT_EQ(pipeline("default")->forwardingGenStatus(), forwardingGenStatus);
+}
+
+TEST_F(ReadinessTest, GlobalFecModeUsesRootTableForEveryVrf) {
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_EQ(pipeline("red")->forwardingGenStatus(), forwardingGenStatus);
+}
+
+TEST_F(ReadinessTest, PerVrfFecModeMountsTheVrfsOwnTable) {
+  const Memtab::FibGen::ForwardingStatus::Ptr redTable =
+      Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
+  em->entityIs("forwardingGen/vrf/status/red", redTable);
+  fecModeStatus->fecModeIs(Memtab::Fib::fecModePerVrf());
+  // The FEC exists only in red's own table.
+  fecIs(*redTable, 100, {{"Ethernet1", "10.0.0.254"}});
+  resolver.routeIs(ip("10.0.0.1"), 100);
+  neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
+  nhIndexIs("Ethernet1", 5, "00:00:00:00:00:aa");
+  vrfL3StatusIs("red", 1);
+  rootIs();
+
+  TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_EQ(pipeline("red")->forwardingGenStatus(), redTable);
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  EXPECT_TRUE(
+      trace.contains(std::string(kInstantiate) +
+                     ": Instantiating VrfNexthopNhIndexResolverSm for vrf: red fecMode: 1"));
+}
+
+TEST_F(ReadinessTest, FailedMountGivesPipelineWithoutTable) {
+  fecModeStatus->fecModeIs(Memtab::Fib::fecModePerVrf());
+  // Something of another type at the path does not mount as a FEC table either.
+  em->entityIs("forwardingGen/vrf/status/blue", Routing::NexthopBacklog::NexthopBacklogIs());
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  vrfL3StatusIs("red", 1);
+  vrfL3StatusIs("blue", 2);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  configDir->configIs(key("blue", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  ASSERT_TRUE(pipeline("red"));
+  ASSERT_TRUE(pipeline("blue"));
+  EXPECT_FALSE(pipeline("red")->forwardingGenStatus());
+  EXPECT_FALSE(pipeline("blue")->forwardingGenStatus());
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+}
+
+TEST_F(ReadinessTest, DestroyWithoutPipelineDoesNothingAndTracesNothing) {
+  trackedWithoutL3Status("red");
+  TestSupport::TraceCapture trace("*/9");
+  root->checkAndDestroyVrfSm(vrf("red"));
+  root->checkAndDestroyVrfSm(vrf("unknown"));
+  EXPECT_TRUE(trace.lines().empty());
+  EXPECT_TRUE(nexthopConfig->vrfHas(vrf("red")));
+  EXPECT_TRUE(root->allVrfNexthopNhIndexResolverConfigDir()->vrfConfigHas(vrf("red")));
+}
+
+TEST_F(ReadinessTest, InstantiateWithAPieceMissingDoesNothingAndTracesNothing) {
+  trackedWithoutL3Status("red");  // no L3 status
+  vrfL3StatusIs("blue", 2);       // not registered, no routing status
+  TestSupport::TraceCapture trace("*/9");
+  root->checkAndInstantiateVrfSm(vrf("red"));
+  root->checkAndInstantiateVrfSm(vrf("blue"));
+  EXPECT_TRUE(trace.lines().empty());
+  EXPECT_EQ(pipelines().smCount(), 0u);
+}
+
+TEST_F(ReadinessTest, PipelineCollectionKeepsSameInputsAndRefusesOthers) {
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  resolver.run();
+  const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
+  ASSERT_TRUE(running);
+
+  auto again = [&](Core::Ptr<const Memtab::FibGen::ForwardingStatus> table) {
+    return pipelines().smIs(
+        vrf("red"), running->config(), running->nexthopVrfConfig(), running->nexthopVrfStatus(),
+        table, running->nextHopInfoWrapper(), running->vrfStatusAll(), running->l3Modules(),
+        running->proactiveArpNexthopSm(), running->scheduler(), running->status());
+  };
+  EXPECT_EQ(again(running->forwardingGenStatus()), running);
+  EXPECT_THROW(again(Memtab::FibGen::ForwardingStatus::ForwardingStatusIs()),
+               Core::ReinstantiationError);
+  EXPECT_EQ(pipeline("red"), running);
+}
+
+class ReadinessDeathTest : public ReadinessTest {};
+
+TEST_F(ReadinessDeathTest, ReadyVrfWithoutRequestsAborts) {
+  rootIs();
+  // Registered behind the root's back: the VRF has no request collection.
+  nexthopConfig->vrfIs(vrf("blue"), Routing::fecIdTypeDefault);
+  nexthopStatus->vrfIs(vrf("blue"));
+  EXPECT_DEATH(vrfL3StatusIs("blue", 2),
+               assertionRegex("config", "FwdNexthopNhIndexResolverSm", kInstantiate));
+}
+
+TEST_F(ReadinessDeathTest, ReadyVrfWithoutStatusMapAborts) {
+  trackedWithoutL3Status("red");
+  root->allVrfNexthopNhIndexResolverStatusDir()->vrfStatusDel(vrf("red"));
+  EXPECT_DEATH(vrfL3StatusIs("red", 1),
+               assertionRegex("status", "FwdNexthopNhIndexResolverSm", kInstantiate));
+}
+
+TEST_F(ReadinessDeathTest, UnknownFecModeAbortsForNonDefaultVrf) {
+  fecModeStatus->fecModeIs(3);
+  trackedWithoutL3Status("red");
+  EXPECT_DEATH(vrfL3StatusIs("red", 1),
+               assertionRegex("fecModeStatus()->fecMode() == Memtab::Fib::fecModePerVrf()",
+                              "FwdNexthopNhIndexResolverSm", kInstantiate));
+}
+
+TEST_F(ReadinessTest, UnknownFecModeIsFineForDefaultVrf) {
+  fecModeStatus->fecModeIs(3);
+  trackedWithoutL3Status("default");
+  vrfL3StatusIs("default", 1);
+  ASSERT_TRUE(pipeline("default"));
+  EXPECT_EQ(pipeline("default")->forwardingGenStatus(), forwardingGenStatus);
+}
+
+}  // namespace

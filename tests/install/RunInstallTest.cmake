@@ -1,0 +1,46 @@
+# Installs the built package into a scratch prefix, then configures, builds and runs the consumer
+# project against that prefix alone. Run with cmake -P and
+#   -DBUILD_DIR=<our build tree> -DCONSUMER_DIR=<tests/install/consumer> -DWORK_DIR=<scratch dir>
+#   [-DCONFIG=<build configuration>] [-DCXX_COMPILER=<compiler>]
+foreach(_var BUILD_DIR CONSUMER_DIR WORK_DIR)
+  if(NOT DEFINED ${_var})
+    message(FATAL_ERROR "RunInstallTest.cmake: -D${_var}=... is required")
+  endif()
+endforeach()
+
+set(_prefix ${WORK_DIR}/prefix)
+set(_consumer_build ${WORK_DIR}/consumer-build)
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+
+# Runs one step and stops the test with its output when it fails.
+function(run_step name)
+  execute_process(COMMAND ${ARGN}
+                  RESULT_VARIABLE _result
+                  OUTPUT_VARIABLE _output
+                  ERROR_VARIABLE _output)
+  if(NOT _result EQUAL 0)
+    message(FATAL_ERROR "install test, step '${name}' failed (${_result}):\n${_output}")
+  endif()
+  message(STATUS "install test, step '${name}': ok")
+endfunction()
+
+set(_config_args)
+if(CONFIG)
+  set(_config_args --config ${CONFIG})
+endif()
+run_step(install ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${_prefix} ${_config_args})
+
+set(_configure_args -S ${CONSUMER_DIR} -B ${_consumer_build} -DCMAKE_PREFIX_PATH=${_prefix})
+if(CONFIG)
+  list(APPEND _configure_args -DCMAKE_BUILD_TYPE=${CONFIG})
+endif()
+if(CXX_COMPILER)
+  list(APPEND _configure_args -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+endif()
+run_step(configure ${CMAKE_COMMAND} ${_configure_args})
+run_step(build ${CMAKE_COMMAND} --build ${_consumer_build} -j 2 ${_config_args})
+
+find_program(_consumer fwd-install-consumer PATHS ${_consumer_build} ${_consumer_build}/${CONFIG}
+             NO_DEFAULT_PATH REQUIRED)
+run_step(run ${_consumer})
