@@ -2,6 +2,7 @@
 # project against that prefix alone. Run with cmake -P and
 #   -DBUILD_DIR=<our build tree> -DCONSUMER_DIR=<tests/install/consumer> -DWORK_DIR=<scratch dir>
 #   [-DCONFIG=<build configuration>] [-DCXX_COMPILER=<compiler>]
+#   [-DCXX_FLAGS=<compile flags>] [-DLINKER_FLAGS=<link flags>]
 foreach(_var BUILD_DIR CONSUMER_DIR WORK_DIR)
   if(NOT DEFINED ${_var})
     message(FATAL_ERROR "RunInstallTest.cmake: -D${_var}=... is required")
@@ -37,6 +38,12 @@ if(CONFIG)
 endif()
 if(CXX_COMPILER)
   list(APPEND _configure_args -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+endif()
+if(CXX_FLAGS)
+  list(APPEND _configure_args "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
+endif()
+if(LINKER_FLAGS)
+  list(APPEND _configure_args "-DCMAKE_EXE_LINKER_FLAGS=${LINKER_FLAGS}")
 endif()
 run_step(configure ${CMAKE_COMMAND} ${_configure_args})
 run_step(build ${CMAKE_COMMAND} --build ${_consumer_build} -j 2 ${_config_args})
