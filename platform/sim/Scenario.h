@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstddef>
+#include <istream>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/sim/SimHost.h"
+
+namespace Sim {
+
+namespace detail {
+class ScenarioArgs;
+}
+
+// The simulator's scenario language (commands in kScenarioHelp): runs each line's command on a
+// SimHost, then every task due now. Status lines and command output go to `out`; refused input
+// ("FILE:LINE: message") and failed expectations ("FILE:LINE: expected ..., found ...") to `err`.
+class Scenario {
+ public:
+  // What a run ends with, also the simulator's exit status.
+  enum ExitStatus : int { kPassed = 0, kExpectFailed = 1, kInputError = 2 };
+  enum class LineResult { ok, expectFailed, error };
+
+  // Takes over the host's status lines (they go to `out`) for the scenario's life.
+  Scenario(SimHost& host, std::ostream& out, std::ostream& err);
+  ~Scenario();
+  Scenario(const Scenario&) = delete;
+  Scenario& operator=(const Scenario&) = delete;
+
+  // Runs one line; `file` and `lineNo` name it in messages.
+  LineResult runLine(std::string_view line, std::string_view file, size_t lineNo);
+  // Runs every line; stops at the first refused line (kInputError). kExpectFailed when an
+  // expectation failed, kPassed otherwise.
+  ExitStatus runText(std::string_view text, std::string_view file);
+  // Runs lines read from `in` until its end. Interactive: writes a prompt before each line,
+  // reports refused lines and goes on; otherwise as runText.
+  ExitStatus runStream(std::istream& in, std::string_view file, bool interactive);
+
+ private:
+  using Args = detail::ScenarioArgs;
+  struct Command;
+  static const Command* commands(size_t& count);
+  // The command the line's first words name, null when none does.
+  static const Command* command(const std::vector<std::string_view>& words);
+  static std::string unknownCommand(const std::vector<std::string_view>& words);
+
+  void cmdVrfAdd(Args& args);
+  void cmdVrfDel(Args& args);
+  void cmdFecMode(Args& args);
+  void cmdRouteAdd(Args& args);
+  void cmdRouteReplace(Args& args);
+  void cmdRouteDel(Args& args);
+  void cmdNeighAdd(Args& args);
+  void cmdNeighReplace(Args& args);
+  void cmdNeighDel(Args& args);
+  void cmdHostAdd(Args& args);
+  void cmdHostDel(Args& args);
+  void cmdArpDelay(Args& args);
+  void cmdNhTableAdd(Args& args);
+  void cmdNhTableDel(Args& args);
+  void cmdNhIndexAdd(Args& args);
+  void cmdNhIndexReplace(Args& args);
+  void cmdNhIndexDel(Args& args);
+  void cmdEngineAutoNhIndex(Args& args);
+  void cmdRequestAdd(Args& args);
+  void cmdRequestDel(Args& args);
+  void cmdAdvance(Args& args);
+  void cmdRestart(Args& args);
+  void cmdShowStatus(Args& args);
+  void cmdShowArp(Args& args);
+  void cmdShowRoutes(Args& args);
+  void cmdShowNeigh(Args& args);
+  void cmdShowNhTable(Args& args);
+  void cmdShowDump(Args& args);
+  void cmdExplain(Args& args);
+  void cmdExpectStatus(Args& args);
+  void cmdExpectStatuses(Args& args);
+  void cmdExpectArp(Args& args);
+  void cmdEcho(Args& args);
+
+  void expect(bool holds, const std::string& expected, const std::string& found);
+
+  SimHost& host_;
+  std::ostream& out_;
+  std::ostream& err_;
+  bool expectFailed_ = false;
+  // Set by a failed expectation of the line being run.
+  std::string failure_;
+};
+
+// The command summary that `nexthop-sim --help` prints.
+extern const char* const kScenarioHelp;
+
+}  // namespace Sim

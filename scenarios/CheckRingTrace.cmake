@@ -1,0 +1,33 @@
+# Records a scenario's ring trace with nexthop-sim --ring and decodes it with ringlog-cat: the
+# decoded text must hold the module's records, oldest first.
+#   cmake -DSIM=<nexthop-sim> -DRINGLOG_CAT=<ringlog-cat> -DSCENARIO=<file> -DRING=<file>
+#         -P CheckRingTrace.cmake
+cmake_minimum_required(VERSION 3.25)
+execute_process(COMMAND ${SIM} --ring ${RING} ${SCENARIO} RESULT_VARIABLE _status
+                OUTPUT_QUIET ERROR_VARIABLE _err)
+if(NOT _status EQUAL 0)
+  message(FATAL_ERROR "nexthop-sim --ring ${RING} ${SCENARIO}: exit status ${_status}\n${_err}")
+endif()
+execute_process(COMMAND ${RINGLOG_CAT} ${RING} RESULT_VARIABLE _status OUTPUT_VARIABLE _out
+                ERROR_VARIABLE _err)
+if(NOT _status EQUAL 0)
+  message(FATAL_ERROR "ringlog-cat ${RING}: exit status ${_status}\n${_err}")
+endif()
+string(REGEX MATCH "^1 [^\n]*" _first "${_out}")
+foreach(_needed "NexthopNhIndexResolverSm::handleInitialized()"
+                "Resolve request added - vrf: red nexthop: 10.0.0.1 intfId: Ethernet1"
+                "Publishing resolution for vrfName: red")
+  string(FIND "${_out}" "${_needed}" _at)
+  if(_at EQUAL -1)
+    message(FATAL_ERROR "ringlog-cat ${RING}: no record with '${_needed}'\n${_out}")
+  endif()
+endforeach()
+if(NOT _first)
+  message(FATAL_ERROR "ringlog-cat ${RING}: the oldest record is not sequence 1\n${_out}")
+endif()
+# A file that is not a ring trace is refused with a message.
+execute_process(COMMAND ${RINGLOG_CAT} ${SCENARIO} RESULT_VARIABLE _status OUTPUT_QUIET
+                ERROR_VARIABLE _err)
+if(_status EQUAL 0 OR NOT _err MATCHES "ringlog-cat: ")
+  message(FATAL_ERROR "ringlog-cat ${SCENARIO}: accepted a file that is not a ring trace")
+endif()

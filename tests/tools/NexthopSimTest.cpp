@@ -1,0 +1,317 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/sim/Scenario.h"
+#include "platform/sim/SimHost.h"
+#include "support/FwdTestValues.h"
+
+namespace {
+
+using Sim::Scenario;
+
+// One scenario run on a fresh host, with what it printed.
+struct SimRun {
+  Scenario::ExitStatus status;
+  std::string out;
+  std::string err;
+};
+
+SimRun run(std::string_view text) {
+  Sim::SimHost host;
+  std::ostringstream out;
+  std::ostringstream err;
+  Scenario scenario(host, out, err);
+  const Scenario::ExitStatus status = scenario.runText(text, "t.scn");
+  return SimRun{status, out.str(), err.str()};
+}
+
+// The scenario is refused at its last line with exactly `message`.
+void expectRefused(const std::string& text, const std::string& message) {
+  const size_t lastLine = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
+  const SimRun result = run(text);
+  EXPECT_EQ(result.status, Scenario::kInputError) << text;
+  EXPECT_EQ(result.err, "t.scn:" + std::to_string(lastLine) + ": " + message + "\n") << text;
+}
+
+const std::string kLongName(101, 'x');
+
+// A VRF "red" whose 10.1.0.0/16 resolves 10.1.0.1 on Ethernet1 to nhIndex 17.
+const std::string kResolved =
+    "vrf add red\n"
+    "route add red 10.1.0.0/16 via 10.0.0.254 dev Ethernet1\n"
+    "neigh add Ethernet1 10.0.0.254 lladdr 00:00:00:00:00:01\n"
+    "nh-table add Ethernet1\n"
+    "nhindex add Ethernet1 17 00:00:00:00:00:01\n"
+    "request add red 10.1.0.1 Ethernet1\n";
+
+TEST(NexthopSimParser, RefusesUnknownAndIncompleteCommands) {
+  expectRefused("foo", "unknown command 'foo'");
+  expectRefused("vrf", "incomplete command 'vrf' (expected vrf add, vrf del)");
+  expectRefused("vrf rename red", "unknown command 'vrf rename' (expected vrf add, vrf del)");
+  expectRefused("show bogus",
+                "unknown command 'show bogus' (expected show status, show arp, show routes, show "
+                "neigh, show nh-table, show dump)");
+}
+
+TEST(NexthopSimParser, RefusesMalformedLinesNamingTheUsage) {
+  expectRefused("vrf add", "missing NAME (usage: vrf add NAME [id N])");
+  expectRefused("vrf add red id", "missing N (usage: vrf add NAME [id N])");
+  expectRefused("vrf add red name 5", "expected 'id', found 'name' (usage: vrf add NAME [id N])");
+  expectRefused("vrf add red id 5 more", "unexpected 'more' (usage: vrf add NAME [id N])");
+  expectRefused("restart now", "unexpected 'now' (usage: restart)");
+  expectRefused("route add red 10.0.0.0/8",
+                "missing 'dev' (usage: route add VRF PREFIX via ADDR dev INTF [via ADDR dev INTF "
+                "...] | dev INTF)");
+  expectRefused("neigh add Ethernet1 10.0.0.1 mac 00:00:00:00:00:01",
+                "expected 'lladdr', found 'mac' (usage: neigh add INTF ADDR lladdr MAC [l2 "
+                "INTF|none])");
+  expectRefused("neigh add Ethernet1 10.0.0.1 lladdr 00:00:00:00:00:01 l2",
+                "missing INTF or none (usage: neigh add INTF ADDR lladdr MAC [l2 INTF|none])");
+  expectRefused("engine auto-nhindex maybe",
+                "expected on|off, found 'maybe' (usage: engine auto-nhindex on|off)");
+  expectRefused("expect status red 10.0.0.1 Ethernet1 maybe",
+                "expected nhindex or none, found 'maybe' (usage: expect status VRF ADDR INTF "
+                "nhindex N | none)");
+  expectRefused("expect arp Ethernet1 10.0.0.1 maybe",
+                "expected present|absent, found 'maybe' (usage: expect arp INTF ADDR "
+                "present|absent)");
+}
+
+TEST(NexthopSimParser, RefusesBadValues) {
+  expectRefused("vrf add red id five", "bad number 'five' (0 to 4294967295)");
+  expectRefused("vrf add red id 4294967296", "bad number '4294967296' (0 to 4294967295)");
+  expectRefused("advance -1", "bad number '-1' (0 to 1099511627776)");
+  expectRefused("arp-delay 1ms", "bad number '1ms' (0 to 1099511627776)");
+  expectRefused("expect statuses x", "bad number 'x' (0 to 4294967295)");
+  expectRefused("vrf add " + kLongName, "VRF name of 101 bytes is over 100");
+  expectRefused("request add " + kLongName + " 10.0.0.1 Ethernet1",
+                "VRF name of 101 bytes is over 100");
+  expectRefused("request add red 10.0.0.300 Ethernet1", "bad address '10.0.0.300'");
+  expectRefused("route add red 10.0.0.0/8 via 10.0.0.300 dev Ethernet1",
+                "bad IPv4 address '10.0.0.300'");
+  expectRefused("route add red 10.0.0.0/8 via ::1 dev Ethernet1", "bad IPv4 address '::1'");
+  expectRefused("neigh del Ethernet1 fe80::1", "bad IPv4 address 'fe80::1'");
+  expectRefused("route add red 10.0.0.0/8 via 10.0.0.1 dev Bogus1", "bad interface name 'Bogus1'");
+  expectRefused("nh-table add Ethernet", "bad interface name 'Ethernet'");
+  expectRefused("neigh add Ethernet1 10.0.0.1 lladdr zz", "bad MAC address 'zz'");
+  expectRefused("host add Ethernet1 10.0.0.1 00:00:00:00:00", "bad MAC address '00:00:00:00:00'");
+  expectRefused("nhindex add Ethernet1 4294967296 00:00:00:00:00:01",
+                "bad number '4294967296' (0 to 4294967295)");
+}
+
+TEST(NexthopSimParser, RefusesBadPrefixes) {
+  expectRefused("route add red 10.0.0.0 dev Ethernet1",
+                "bad prefix '10.0.0.0': expected ADDRESS/LENGTH");
+  expectRefused("route add red 10.0.0/8 dev Ethernet1",
+                "bad prefix '10.0.0/8': not an IPv4 address");
+  expectRefused("route del red ::/0", "bad prefix '::/0': not an IPv4 address");
+  expectRefused("route add red 10.0.0.0/33 dev Ethernet1",
+                "bad prefix '10.0.0.0/33': length is not a number from 0 to 32");
+  expectRefused("route add red 10.0.0.1/8 dev Ethernet1",
+                "bad prefix '10.0.0.1/8': address bits set past the length");
+}
+
+TEST(NexthopSimParser, RefusesRequestsTheModuleMustNeverSee) {
+  expectRefused("request add red 0.0.0.0 Ethernet1",
+                "next hop 0.0.0.0 is not a non-zero IPv4 address");
+  expectRefused("request add red 2001:db8::1 Ethernet1",
+                "next hop 2001:db8::1 is not a non-zero IPv4 address");
+  expectRefused("request add red 10.0.0.1 Ethernet1\nrequest add red 10.0.0.1 Ethernet1",
+                "request red 10.0.0.1 Ethernet1 exists");
+  expectRefused("request add red 10.0.0.1 Ethernet1\nrequest del red 10.0.0.1 Ethernet2",
+                "no request red 10.0.0.1 Ethernet2");
+}
+
+TEST(NexthopSimParser, RefusesHostStateThatExistsOrIsAbsent) {
+  expectRefused("vrf add red\nvrf add red", "VRF red exists");
+  expectRefused("vrf del red", "no VRF red");
+  expectRefused("vrf add red id 0", "VRF id 0 is not a VRF's id");
+  expectRefused("vrf add red id 3\nvrf add blue id 3", "VRF id 3 belongs to VRF red");
+  expectRefused("route add red 10.0.0.0/8 dev Ethernet1\nroute add red 10.0.0.0/8 dev Ethernet2",
+                "route 10.0.0.0/8 exists in VRF red (use route replace)");
+  expectRefused("route del red 10.0.0.0/8", "no route 10.0.0.0/8 in VRF red");
+  expectRefused("route add red 10.0.0.0/8 via 10.0.0.1 dev Ethernet1 via 10.0.0.1 dev Ethernet1",
+                "route 10.0.0.0/8 lists via 10.0.0.1 dev Ethernet1 twice");
+  expectRefused(
+      "neigh add Ethernet1 10.0.0.1 lladdr 00:00:00:00:00:01\n"
+      "neigh add Ethernet1 10.0.0.1 lladdr 00:00:00:00:00:02",
+      "neighbour Ethernet1 10.0.0.1 exists (use neigh replace)");
+  expectRefused("neigh del Ethernet1 10.0.0.1", "no neighbour Ethernet1 10.0.0.1");
+  expectRefused(
+      "host add Ethernet1 10.0.0.1 00:00:00:00:00:01\nhost add Ethernet1 10.0.0.1 "
+      "00:00:00:00:00:02",
+      "host Ethernet1 10.0.0.1 exists");
+  expectRefused("host del Ethernet1 10.0.0.1", "no host Ethernet1 10.0.0.1");
+  expectRefused("nh-table add Ethernet1\nnh-table add Ethernet1",
+                "interface Ethernet1 has a next-hop table already");
+  expectRefused("nh-table del Ethernet1", "interface Ethernet1 has no next-hop table");
+  expectRefused("show nh-table Ethernet1", "interface Ethernet1 has no next-hop table");
+  expectRefused("nhindex add Ethernet1 5 00:00:00:00:00:01",
+                "interface Ethernet1 has no next-hop table");
+  expectRefused("nh-table add Ethernet1\nnhindex add Ethernet1 4294967295 00:00:00:00:00:01",
+                "nhIndex 4294967295 is the invalid index");
+  expectRefused("nh-table add Ethernet1\nnhindex replace Ethernet1 4294967295 00:00:00:00:00:01",
+                "nhIndex 4294967295 is the invalid index");
+  expectRefused(
+      "nh-table add Ethernet1\nnhindex add Ethernet1 5 00:00:00:00:00:01\n"
+      "nhindex add Ethernet1 5 00:00:00:00:00:02",
+      "nhIndex 5 on Ethernet1 exists (use nhindex replace)");
+  expectRefused("nh-table add Ethernet1\nnhindex del Ethernet1 5", "no nhIndex 5 on Ethernet1");
+}
+
+TEST(NexthopSimParser, TakesTheFecModeOnlyAsOneOrTwoAndBeforeTheFirstRequest) {
+  expectRefused("fec-mode 3", "FEC mode 3 is neither 1 (per VRF) nor 2 (global)");
+  expectRefused("fec-mode one", "bad number 'one' (0 to 4294967295)");
+  expectRefused(
+      "request add red 10.0.0.1 Ethernet1\nrequest del red 10.0.0.1 Ethernet1\nfec-mode 1",
+      "fec-mode must come before the first request");
+  EXPECT_EQ(run("fec-mode 1\nfec-mode 2\nrequest add red 10.0.0.1 Ethernet1").status,
+            Scenario::kPassed);
+}
+
+TEST(NexthopSimRunner, StopsAtTheFirstRefusedLine) {
+  const SimRun result = run(kResolved + "bogus\nrequest add red 10.1.0.2 Ethernet1\necho never");
+  EXPECT_EQ(result.status, Scenario::kInputError);
+  EXPECT_EQ(result.err, "t.scn:7: unknown command 'bogus'\n");
+  EXPECT_EQ(result.out, "[0ms] status add red 10.1.0.1 Ethernet1 nhIndex 17\n");
+}
+
+TEST(NexthopSimRunner, CountsCommentsAndBlankLinesInLineNumbers) {
+  const SimRun result = run("# a comment\n\n   \nvrf add red # trailing comment\n\nvrf add red");
+  EXPECT_EQ(result.err, "t.scn:6: VRF red exists\n");
+}
+
+TEST(NexthopSimRunner, ReportsFailedExpectationsAndGoesOn) {
+  const SimRun result = run(kResolved +
+                            "expect status red 10.1.0.1 Ethernet1 nhindex 18\n"
+                            "expect status red 10.1.0.1 Ethernet1 none\n"
+                            "expect status red 10.1.0.2 Ethernet1 nhindex 17\n"
+                            "expect statuses 2\n"
+                            "expect arp Ethernet1 10.0.0.254 absent\n"
+                            "expect arp Ethernet1 10.0.0.253 present\n"
+                            "request del red 10.1.0.1 Ethernet1\n"
+                            "expect statuses 0\n");
+  EXPECT_EQ(result.status, Scenario::kExpectFailed);
+  EXPECT_EQ(result.err,
+            "t.scn:7: expected status red 10.1.0.1 Ethernet1 nhIndex 18, found nhIndex 17\n"
+            "t.scn:8: expected no status for red 10.1.0.1 Ethernet1, found nhIndex 17\n"
+            "t.scn:9: expected status red 10.1.0.2 Ethernet1 nhIndex 17, found none\n"
+            "t.scn:10: expected 2 statuses, found 1\n"
+            "t.scn:11: expected proactive ARP entry Ethernet1 10.0.0.254 absent, found present\n"
+            "t.scn:12: expected proactive ARP entry Ethernet1 10.0.0.253 present, found absent\n");
+  // The lines after the failures ran.
+  EXPECT_NE(result.out.find("status del red 10.1.0.1 Ethernet1"), std::string::npos);
+}
+
+TEST(NexthopSimRunner, EndsWithZeroWhenEveryExpectationHolds) {
+  const SimRun result = run(kResolved +
+                            "expect status red 10.1.0.1 Ethernet1 nhindex 17\n"
+                            "expect status red 10.1.0.2 Ethernet1 none\n"
+                            "expect statuses 1\n"
+                            "expect arp Ethernet1 10.0.0.254 present\n");
+  EXPECT_EQ(result.status, Scenario::kPassed);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(run("").status, Scenario::kPassed);
+}
+
+TEST(NexthopSimRunner, RunsDueTasksAfterEachCommandAndMovesTimeWithAdvance) {
+  const SimRun result =
+      run("vrf add red\n"
+          "route add red 10.1.0.0/16 via 10.0.0.254 dev Ethernet1\n"
+          "host add Ethernet1 10.0.0.254 00:00:00:00:00:01\n"
+          "nh-table add Ethernet1\n"
+          "engine auto-nhindex on\n"
+          "arp-delay 7\n"
+          "request add red 10.1.0.1 Ethernet1\n"
+          "expect status red 10.1.0.1 Ethernet1 none\n"
+          "advance 6\n"
+          "expect status red 10.1.0.1 Ethernet1 none\n"
+          "advance 1\n"
+          "expect status red 10.1.0.1 Ethernet1 nhindex 1\n");
+  EXPECT_EQ(result.status, Scenario::kPassed) << result.err;
+  EXPECT_EQ(result.out, "[7ms] status add red 10.1.0.1 Ethernet1 nhIndex 1\n");
+}
+
+TEST(NexthopSimRunner, ShowsTheHostState) {
+  const SimRun result = run(kResolved +
+                            "route add red 10.2.0.0/16 dev Ethernet2\n"
+                            "host add Ethernet1 10.0.0.254 00:00:00:00:00:01\n"
+                            "echo --- state\n"
+                            "show status\nshow routes\nshow neigh\nshow nh-table\nshow arp\n"
+                            "explain red 10.1.0.1 Ethernet1\n");
+  EXPECT_EQ(result.status, Scenario::kPassed) << result.err;
+  EXPECT_EQ(result.out.substr(result.out.find("--- state")),
+            "--- state\n"
+            "status red 10.1.0.1 Ethernet1 nhIndex 17\n"
+            "route red 10.1.0.0/16 fec 1 via 10.0.0.254 dev Ethernet1\n"
+            "route red 10.2.0.0/16 fec 2 dev Ethernet2\n"
+            "neigh Ethernet1 10.0.0.254 lladdr 00:00:00:00:00:01 l2 Ethernet1\n"
+            "nh-table Ethernet1: 1 nhIndex\n"
+            "  nhindex 17 00:00:00:00:00:01\n"
+            "arp Ethernet1 10.0.0.254 arpVrfId 1001 probes 2 triggers 0\n"
+            "host Ethernet1 10.0.0.254 00:00:00:00:00:01\n"
+            "explain red 10.1.0.1 Ethernet1: resolved: via 10.0.0.254, MAC 00:00:00:00:00:01, "
+            "nhIndex 17\n");
+}
+
+TEST(NexthopSimRunner, ShowsEmptyState) {
+  const SimRun result = run("show status\nshow routes\nshow neigh\nshow nh-table\nshow arp\n");
+  EXPECT_EQ(result.out,
+            "no statuses\nno routes\nno neighbours\nno next-hop tables\nno proactive ARP "
+            "entries\n");
+}
+
+TEST(NexthopSimRunner, ShowsTheRootsDumpAndRestartsTheModule) {
+  const SimRun result = run(kResolved + "restart\nexpect statuses 1\nshow dump\n");
+  EXPECT_EQ(result.status, Scenario::kPassed) << result.err;
+  EXPECT_NE(result.out.find("NexthopNhIndexResolverSm\n  configDir\n"), std::string::npos);
+  EXPECT_NE(result.out.find("[0ms] status del red 10.1.0.1 Ethernet1\n[0ms] status add red "
+                            "10.1.0.1 Ethernet1 nhIndex 17\n"),
+            std::string::npos);
+}
+
+TEST(NexthopSimRunner, InteractiveModeReportsRefusedLinesAndGoesOn) {
+  Sim::SimHost host;
+  std::ostringstream out;
+  std::ostringstream err;
+  Scenario scenario(host, out, err);
+  std::istringstream in("vrf add red\nvrf add red\necho still here\nexpect statuses 1\n");
+  EXPECT_EQ(scenario.runStream(in, "<stdin>", true), Scenario::kExpectFailed);
+  EXPECT_EQ(err.str(),
+            "<stdin>:2: VRF red exists\n"
+            "<stdin>:4: expected 1 statuses, found 0\n");
+  EXPECT_EQ(out.str(),
+            "nexthop-sim> nexthop-sim> nexthop-sim> still here\nnexthop-sim> "
+            "nexthop-sim> \n");
+}
+
+TEST(NexthopSimRunner, AStreamThatIsNotInteractiveStopsAtTheFirstRefusedLine) {
+  Sim::SimHost host;
+  std::ostringstream out;
+  std::ostringstream err;
+  Scenario scenario(host, out, err);
+  std::istringstream in("vrf del red\necho never\n");
+  EXPECT_EQ(scenario.runStream(in, "-", false), Scenario::kInputError);
+  EXPECT_EQ(err.str(), "-:1: no VRF red\n");
+  EXPECT_EQ(out.str(), "");
+}
+
+TEST(NexthopSimRunner, RefusedInputLeavesTheModulesInputsUntouched) {
+  Sim::SimHost host;
+  std::ostringstream out;
+  std::ostringstream err;
+  Scenario scenario(host, out, err);
+  ASSERT_EQ(scenario.runText("request add red 10.0.0.1 Ethernet1", "t.scn"), Scenario::kPassed);
+  for (const char* line :
+       {"request add red 10.0.0.1 Ethernet1", "request del red 10.0.0.2 Ethernet1",
+        "request add red 0.0.0.0 Ethernet1", "request add red ::1 Ethernet1"}) {
+    EXPECT_EQ(scenario.runLine(line, "t.scn", 1), Scenario::LineResult::error) << line;
+  }
+  EXPECT_EQ(host.configDir()->configCount(), 1u);
+  EXPECT_TRUE(host.requestHas(FwdTest::key("red", "10.0.0.1", "Ethernet1")));
+}
+
+}  // namespace
