@@ -1,0 +1,541 @@
+// The resolver end to end at scale: 64 VRFs x 4,096 requests (262,144), 16 interfaces and 64
+// vias per VRF (64 requests share each via), every neighbour resolved, 256 nhIndex entries per
+// interface. Measures, per request, adding every request until every status is published and
+// deleting them all again, the cost of one via's MAC change, and the peak memory per request;
+// next to it, a plain baseline that computes the same statuses with three std::unordered_map
+// look-ups per request. Each runs with the ring trace on (as in production; text trace off) and
+// with it off (suffix _RingOff).
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "Fwd/FwdNexthopNhIndexResolverCommon.h"
+#include "Fwd/FwdNexthopNhIndexResolverSm.h"
+#include "framework/Core.h"
+#include "framework/CoreReactor.h"
+#include "framework/DualLog.h"
+#include "framework/Hub.h"
+#include "framework/L3VrfName.h"
+#include "framework/Netval.h"
+#include "framework/RingLog.h"
+#include "framework/Store.h"
+#include "platform/L3Modules.h"
+#include "platform/Memtab.h"
+#include "platform/Plane.h"
+#include "platform/Routing.h"
+
+namespace {
+
+// Every operator new of the binary goes through here: live and peak bytes (as requested, without
+// this accounting's own header or malloc's overhead) and the number of allocations.
+struct AllocStats {
+  size_t live = 0;
+  size_t peak = 0;
+  size_t count = 0;
+};
+AllocStats allocStats;
+
+// The size of a block sits just before it, in a header that keeps the block's alignment.
+constexpr size_t headerFor(size_t align) {
+  return align > alignof(std::max_align_t) ? align : alignof(std::max_align_t);
+}
+
+void* countedAlloc(size_t size, size_t align = alignof(std::max_align_t)) noexcept {
+  const size_t header = headerFor(align);
+  void* raw = align > alignof(std::max_align_t)
+                  ? std::aligned_alloc(align, (size + header + align - 1) / align * align)
+                  : std::malloc(size + header);
+  if (!raw) return nullptr;
+  auto* block = static_cast<unsigned char*>(raw) + header;
+  reinterpret_cast<size_t*>(block)[-1] = size;
+  allocStats.live += size;
+  if (allocStats.live > allocStats.peak) allocStats.peak = allocStats.live;
+  ++allocStats.count;
+  return block;
+}
+
+void countedFree(void* p, size_t align = alignof(std::max_align_t)) noexcept {
+  if (!p) return;
+  auto* block = static_cast<unsigned char*>(p);
+  allocStats.live -= reinterpret_cast<size_t*>(block)[-1];
+  std::free(block - headerFor(align));
+}
+
+void* countedAllocOrThrow(size_t size, size_t align = alignof(std::max_align_t)) {
+  if (void* p = countedAlloc(size, align)) return p;
+  throw std::bad_alloc();
+}
+
+}  // namespace
+
+void* operator new(size_t size) { return countedAllocOrThrow(size); }
+void* operator new[](size_t size) { return countedAllocOrThrow(size); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size); }
+void* operator new(size_t size, std::align_val_t align) {
+  return countedAllocOrThrow(size, static_cast<size_t>(align));
+}
+void* operator new[](size_t size, std::align_val_t align) {
+  return countedAllocOrThrow(size, static_cast<size_t>(align));
+}
+void operator delete(void* p) noexcept { countedFree(p); }
+void operator delete[](void* p) noexcept { countedFree(p); }
+void operator delete(void* p, size_t) noexcept { countedFree(p); }
+void operator delete[](void* p, size_t) noexcept { countedFree(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { countedFree(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { countedFree(p); }
+void operator delete(void* p, std::align_val_t align) noexcept {
+  countedFree(p, static_cast<size_t>(align));
+}
+void operator delete[](void* p, std::align_val_t align) noexcept {
+  countedFree(p, static_cast<size_t>(align));
+}
+void operator delete(void* p, size_t, std::align_val_t align) noexcept {
+  countedFree(p, static_cast<size_t>(align));
+}
+void operator delete[](void* p, size_t, std::align_val_t align) noexcept {
+  countedFree(p, static_cast<size_t>(align));
+}
+
+namespace {
+
+using FwdL3Unicast::NexthopNhIndexResolverKey;
+using Netval::EthAddr;
+using Netval::IntfId;
+using Netval::IpGenAddr;
+
+constexpr uint32_t kVrfs = 64;
+constexpr uint32_t kRequestsPerVrf = 4096;
+constexpr uint32_t kIntfsPerVrf = 16;
+constexpr uint32_t kViasPerVrf = 64;
+constexpr uint32_t kIndexesPerIntf = 256;
+constexpr uint32_t kRequests = kVrfs * kRequestsPerVrf;
+// Where an interface's table carries its vias' MACs, and the second MAC of its first via (the
+// MAC change toggles between the two); every other entry carries a MAC that nobody asks for.
+constexpr uint32_t kViaSlotStride = 60;
+constexpr uint32_t kMovedMacSlot = 250;
+
+L3::VrfName vrfName(uint32_t v) { return L3::VrfName("vrf" + std::to_string(v)); }
+// Interfaces are not shared between VRFs: VRF v owns Ethernet(16v + 1) .. Ethernet(16v + 16).
+IntfId intfOf(uint32_t v, uint32_t i) {
+  return IntfId("Ethernet" + std::to_string(v * kIntfsPerVrf + i + 1));
+}
+// Via j of a VRF leaves through interface j % 16, so each interface has four vias.
+uint32_t viaIntf(uint32_t j) { return j % kIntfsPerVrf; }
+IpGenAddr viaAddr(uint32_t v, uint32_t j) {
+  return IpGenAddr::ipv4(0x0a000000u | v << 16 | j << 8 | 254);
+}
+EthAddr viaMac(uint32_t v, uint32_t j) {
+  return EthAddr(0x020000000000ull | uint64_t(v) << 16 | j << 8);
+}
+EthAddr movedMac(uint32_t v, uint32_t i) {
+  return EthAddr(0x060000000000ull | uint64_t(v) << 16 | i << 8);
+}
+// Request k of a VRF goes to next hop 11.0.0.0 + k, through via k % 64. VRFs reuse the addresses.
+IpGenAddr nexthopAddr(uint32_t k) { return IpGenAddr::ipv4(0x0b000000u + k); }
+uint32_t viaOfRequest(uint32_t k) { return k % kViasPerVrf; }
+Memtab::Fib::FecId fecOf(uint32_t v, uint32_t j) { return uint64_t(v) * kViasPerVrf + j + 1; }
+uint32_t nhIndexOf(uint32_t v, uint32_t i, uint32_t slot) {
+  return (v * kIntfsPerVrf + i) * kIndexesPerIntf + slot + 1;
+}
+NexthopNhIndexResolverKey requestKey(uint32_t v, uint32_t k) {
+  return NexthopNhIndexResolverKey(vrfName(v), nexthopAddr(k), intfOf(v, viaIntf(viaOfRequest(k))));
+}
+
+// The host's routing next-hop resolver, reduced to what the module needs here. It acts on a VRF
+// registration after the module's handler returns (a scheduler task): the VRF's status appears
+// and every routed address of the VRF gets its entry; a withdrawal removes the status.
+class BenchResolver : public Core::Reactor {
+ public:
+  using Ptr = Core::Ptr<BenchResolver>;
+  using Routes = std::vector<Routing::NexthopStatusEntry>;
+
+  static Ptr BenchResolverIs(Routing::NexthopConfig::Ptr config, Routing::NexthopStatus::Ptr status,
+                             Hub::TaskScheduler::Ptr scheduler,
+                             std::map<L3::VrfName, Routes> routes) {
+    return Ptr(new BenchResolver(std::move(config), std::move(status), std::move(scheduler),
+                                 std::move(routes)));
+  }
+
+  std::string_view typeName() const override { return "BenchResolver"; }
+
+ private:
+  BenchResolver(Routing::NexthopConfig::Ptr config, Routing::NexthopStatus::Ptr status,
+                Hub::TaskScheduler::Ptr scheduler, std::map<L3::VrfName, Routes> routes)
+      : config_(std::move(config)),
+        status_(std::move(status)),
+        scheduler_(std::move(scheduler)),
+        routes_(std::move(routes)) {}
+
+  void handleVrf(const L3::VrfName& name) {
+    const bool registered = config_->vrfHas(name);
+    scheduler_->schedule([this, name, registered] {
+      if (!registered) {
+        status_->vrfDel(name);
+        return;
+      }
+      Routing::NexthopVrfStatus::Ptr vrfStatus = status_->vrfIs(name);
+      for (const Routing::NexthopStatusEntry& entry : routes_[name]) vrfStatus->nexthopIs(entry);
+    });
+  }
+
+  Routing::NexthopConfig::Ptr config_;
+  Routing::NexthopStatus::Ptr status_;
+  Hub::TaskScheduler::Ptr scheduler_;
+  std::map<L3::VrfName, Routes> routes_;
+  Core::Slot<BenchResolver, L3::VrfName, &BenchResolver::handleVrf> vrfSlot_{
+      this, Routing::NexthopConfig::vrfAttr, config_.get()};
+};
+
+// The baseline's keys and hashes: what a plain implementation would write, one splitmix
+// finaliser over the packed fields (the bench's addresses are all IPv4).
+uint64_t mix(uint64_t z) {
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+  return z ^ (z >> 31);
+}
+uint64_t vrfHash(const L3::VrfName& vrf) { return std::hash<std::string_view>()(vrf.str()); }
+
+struct VrfNexthop {
+  L3::VrfName vrf;
+  IpGenAddr nexthop;
+  bool operator==(const VrfNexthop&) const = default;
+};
+struct IntfAddr {
+  IntfId intf;
+  IpGenAddr addr;
+  bool operator==(const IntfAddr&) const = default;
+};
+struct IntfMac {
+  IntfId intf;
+  EthAddr mac;
+  bool operator==(const IntfMac&) const = default;
+};
+struct PlainHash {
+  size_t operator()(const VrfNexthop& k) const { return mix(vrfHash(k.vrf) ^ k.nexthop.v4()); }
+  size_t operator()(const IntfAddr& k) const {
+    return mix(uint64_t(k.intf.id()) << 32 | k.addr.v4());
+  }
+  size_t operator()(const IntfMac& k) const {
+    return mix(k.mac.value() ^ uint64_t(k.intf.id()) << 48);
+  }
+  size_t operator()(const NexthopNhIndexResolverKey& k) const {
+    return mix(vrfHash(k.vrfName()) ^ (uint64_t(k.intfId().id()) << 32 | k.nexthop().v4()));
+  }
+};
+using BaselineStatuses = std::unordered_map<NexthopNhIndexResolverKey, uint32_t, PlainHash>;
+
+// The host with every input in place and a root over it, built once for all benchmarks.
+class BenchWorld {
+ public:
+  static BenchWorld& instance() {
+    static BenchWorld world;
+    return world;
+  }
+
+  void addAll() {
+    for (uint32_t v = 0; v < kVrfs; ++v) {
+      for (uint32_t k = 0; k < kRequestsPerVrf; ++k)
+        configDir_->configIs(keys_[v * kRequestsPerVrf + k]);
+    }
+    scheduler_->runUntilIdle();
+  }
+  void deleteAll() {
+    configDir_->configDelAll();
+    scheduler_->runUntilIdle();
+  }
+  size_t statusCount() const { return statusDir_->statusCount(); }
+  uint32_t published(const NexthopNhIndexResolverKey& key) const {
+    return statusDir_->status(key).nhIndex();
+  }
+
+  // Moves the first via of VRF 0 between its two MACs; returns the index its requests now get.
+  uint32_t moveMac() {
+    macMoved_ = !macMoved_;
+    const EthAddr mac = macMoved_ ? movedMac(0, viaIntf(0)) : viaMac(0, 0);
+    nextHopInfoWrapper_->nextHopInfoIs(Plane::NextHopKey(intfOf(0, viaIntf(0)), viaAddr(0, 0)),
+                                       Plane::NextHopInfo(intfOf(0, viaIntf(0)), mac));
+    return macMoved_ ? nhIndexOf(0, viaIntf(0), kMovedMacSlot) : nhIndexOf(0, viaIntf(0), 0);
+  }
+
+  // The baseline: the same statuses from the same inputs, as three hash look-ups per request.
+  size_t baseline(BaselineStatuses& out) const {
+    for (const NexthopNhIndexResolverKey& key : keys_) {
+      const IntfAddr& via = baseRoute_.at(VrfNexthop{key.vrfName(), key.nexthop()});
+      const EthAddr mac = baseNeighbour_.at(via);
+      out.emplace(key, baseIndex_.at(IntfMac{key.intfId(), mac}));
+    }
+    return out.size();
+  }
+
+  const std::vector<NexthopNhIndexResolverKey>& keys() const { return keys_; }
+  double hostBytesPerRequest() const { return hostBytesPerRequest_; }
+  double coldBytesPerRequest() const { return coldBytesPerRequest_; }
+
+ private:
+  BenchWorld() {
+    DualLog::textFilterIs("");
+    std::map<L3::VrfName, BenchResolver::Routes> routes;
+    for (uint32_t v = 0; v < kVrfs; ++v) {
+      const L3::VrfName name = vrfName(v);
+      vrfStatusAll_->vrfIdIs(name, v + 1);
+      vrfStatusAll_->vrfStatusIs(Plane::VrfL3Status(name, v + 1));
+      for (uint32_t j = 0; j < kViasPerVrf; ++j) {
+        const IntfId intf = intfOf(v, viaIntf(j));
+        forwardingGenStatus_->fecIs(
+            Memtab::FibGen::Fec(fecOf(v, j), {Memtab::FibGen::Via(intf, viaAddr(v, j))}));
+        nextHopInfoWrapper_->nextHopInfoIs(Plane::NextHopKey(intf, viaAddr(v, j)),
+                                           Plane::NextHopInfo(intf, viaMac(v, j)));
+        baseNeighbour_.emplace(IntfAddr{intf, viaAddr(v, j)}, viaMac(v, j));
+      }
+      for (uint32_t i = 0; i < kIntfsPerVrf; ++i) tableIs(v, i);
+      for (uint32_t k = 0; k < kRequestsPerVrf; ++k) {
+        const uint32_t j = viaOfRequest(k);
+        routes[name].emplace_back(nexthopAddr(k), fecOf(v, j));
+        keys_.push_back(requestKey(v, k));
+        baseRoute_.emplace(VrfNexthop{name, nexthopAddr(k)},
+                           IntfAddr{intfOf(v, viaIntf(j)), viaAddr(v, j)});
+      }
+    }
+    hostBytesPerRequest_ = hostBytesPerRequest(routes);
+    resolver_ = BenchResolver::BenchResolverIs(nexthopConfig_, nexthopStatus_, scheduler_,
+                                               std::move(routes));
+    root_ = FwdL3Unicast::nexthopNhIndexResolverSmFactory(
+        em_, configDir_, nexthopConfig_, nexthopStatus_, fecModeStatus_, forwardingGenStatus_,
+        nextHopInfoWrapper_, vrfStatusAll_, l3Modules_, clientConfig_, scheduler_, statusDir_);
+    scheduler_->runUntilIdle();
+    coldBytesPerRequest_ = peakBytesPerRequest();
+    deleteAll();
+  }
+
+  // The peak of live bytes while every request is added and published, per request. The first
+  // time also grows every table of the module and the host; later times reuse some of them.
+  double peakBytesPerRequest() {
+    const size_t liveBefore = allocStats.live;
+    allocStats.peak = allocStats.live;
+    addAll();
+    return double(allocStats.peak - liveBefore) / kRequests;
+  }
+
+  // What the host itself holds per request once every request is published: the request in
+  // its collection and the resolver's status entry of its next hop. Measured apart, on copies.
+  double hostBytesPerRequest(const std::map<L3::VrfName, BenchResolver::Routes>& routes) const {
+    const size_t before = allocStats.live;
+    auto requests = FwdL3Unicast::nexthopNhIndexResolverConfigDirFactory();
+    for (const NexthopNhIndexResolverKey& key : keys_) requests->configIs(key);
+    auto statuses = Routing::NexthopStatus::NexthopStatusIs();
+    for (const auto& [name, entries] : routes) {
+      Routing::NexthopVrfStatus::Ptr vrfStatus = statuses->vrfIs(name);
+      for (const Routing::NexthopStatusEntry& entry : entries) vrfStatus->nexthopIs(entry);
+    }
+    return double(allocStats.live - before) / kRequests;
+  }
+
+  // Slot s of interface i: the MAC of the interface's via s / 60 at 0, 60, 120 and 180, the
+  // moved MAC of its first via at 250, a MAC that nobody asks for elsewhere.
+  void tableIs(uint32_t v, uint32_t i) {
+    auto module = FwdL3Unicast::NextHopMod::NextHopModIs(intfOf(v, i));
+    for (uint32_t slot = 0; slot < kIndexesPerIntf; ++slot) {
+      EthAddr mac(0x0a0000000000ull | uint64_t(nhIndexOf(v, i, slot)));
+      if (slot % kViaSlotStride == 0 && slot / kViaSlotStride < kViasPerVrf / kIntfsPerVrf) {
+        mac = viaMac(v, i + slot / kViaSlotStride * kIntfsPerVrf);
+      } else if (slot == kMovedMacSlot) {
+        mac = movedMac(v, i);
+      }
+      module->nhIndexToMacIs(nhIndexOf(v, i, slot), mac);
+      baseIndex_.emplace(IntfMac{intfOf(v, i), mac}, nhIndexOf(v, i, slot));
+    }
+    l3Modules_->nextHopModIs(module);
+  }
+
+  Store::EntityManager::Ptr em_ = Store::EntityManager::EntityManagerIs();
+  FwdL3Unicast::NexthopNhIndexResolverConfigDir::Ptr configDir_ =
+      FwdL3Unicast::nexthopNhIndexResolverConfigDirFactory();
+  Routing::NexthopConfig::Ptr nexthopConfig_ = Routing::NexthopConfig::NexthopConfigIs();
+  Routing::NexthopStatus::Ptr nexthopStatus_ = Routing::NexthopStatus::NexthopStatusIs();
+  Memtab::Fib::FecModeStatus::Ptr fecModeStatus_ = Memtab::Fib::FecModeStatus::FecModeStatusIs();
+  Memtab::FibGen::ForwardingStatus::Ptr forwardingGenStatus_ =
+      Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
+  Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper_ =
+      Plane::NextHopInfoWrapper::NextHopInfoWrapperIs();
+  Plane::VrfL3StatusAll::Ptr vrfStatusAll_ = Plane::VrfL3StatusAll::VrfL3StatusAllIs();
+  FwdL3Unicast::L3Modules::Ptr l3Modules_ = FwdL3Unicast::L3Modules::L3ModulesIs();
+  Arp::ProactiveArp::ClientConfig::Ptr clientConfig_ =
+      Arp::ProactiveArp::ClientConfig::ClientConfigIs();
+  Hub::TaskScheduler::Ptr scheduler_ = Hub::TaskScheduler::TaskSchedulerIs();
+  FwdL3Unicast::NexthopNhIndexResolverStatusDir::Ptr statusDir_ =
+      FwdL3Unicast::nexthopNhIndexResolverStatusDirFactory();
+  BenchResolver::Ptr resolver_;
+  FwdL3Unicast::NexthopNhIndexResolverSm::Ptr root_;
+
+  std::vector<NexthopNhIndexResolverKey> keys_;
+  double hostBytesPerRequest_ = 0;
+  double coldBytesPerRequest_ = 0;
+  bool macMoved_ = false;
+  std::unordered_map<VrfNexthop, IntfAddr, PlainHash> baseRoute_;
+  std::unordered_map<IntfAddr, EthAddr, PlainHash> baseNeighbour_;
+  std::unordered_map<IntfMac, uint32_t, PlainHash> baseIndex_;
+};
+
+// Ring trace into a temporary file for the life of one benchmark run, or no ring at all.
+class RingScope {
+ public:
+  explicit RingScope(bool ring) {
+    RingLog::close();
+    if (!ring) return;
+    path_ = (std::filesystem::temp_directory_path() /
+             ("E2EBench-" + std::to_string(getpid()) + ".ring"))
+                .string();
+    RingLog::open(path_);
+  }
+  RingScope(const RingScope&) = delete;
+  RingScope& operator=(const RingScope&) = delete;
+  ~RingScope() {
+    RingLog::close();
+    if (!path_.empty()) std::filesystem::remove(path_);
+  }
+
+ private:
+  std::string path_;
+};
+
+benchmark::Counter perRequest(double requestsPerIteration) {
+  return benchmark::Counter(requestsPerIteration, benchmark::Counter::kIsRate |
+                                                      benchmark::Counter::kInvert |
+                                                      benchmark::Counter::kIsIterationInvariant);
+}
+
+void requireAllPublished(benchmark::State& state, const BenchWorld& world) {
+  if (world.statusCount() != kRequests) {
+    state.SkipWithError(("published " + std::to_string(world.statusCount()) + " statuses of " +
+                         std::to_string(kRequests))
+                            .c_str());
+  }
+}
+
+void addRequests(benchmark::State& state, bool ring) {
+  BenchWorld& world = BenchWorld::instance();
+  RingScope scope(ring);
+  double warmBytes = 0;
+  double allocations = 0;
+  for (auto _ : state) {
+    const size_t liveBefore = allocStats.live;
+    const size_t countBefore = allocStats.count;
+    allocStats.peak = allocStats.live;
+    world.addAll();
+    state.PauseTiming();
+    warmBytes = std::max(warmBytes, double(allocStats.peak - liveBefore) / kRequests);
+    allocations = std::max(allocations, double(allocStats.count - countBefore) / kRequests);
+    requireAllPublished(state, world);
+    world.deleteAll();
+    state.ResumeTiming();
+  }
+  state.counters["time_per_request"] = perRequest(kRequests);
+  // Peak memory from a fresh start (every table grows), then with the tables a previous run left.
+  state.counters["bytes_per_request"] = world.coldBytesPerRequest();
+  state.counters["warm_bytes_per_request"] = warmBytes;
+  // Of which the host's own share (requests and resolver entries); the rest is the module's.
+  state.counters["host_bytes_per_request"] = world.hostBytesPerRequest();
+  state.counters["allocs_per_request"] = allocations;
+}
+
+void baseline(benchmark::State& state, bool) {
+  BenchWorld& world = BenchWorld::instance();
+  {
+    // The baseline computes what the module publishes.
+    BaselineStatuses statuses;
+    world.baseline(statuses);
+    world.addAll();
+    for (const NexthopNhIndexResolverKey& key : world.keys()) {
+      if (world.published(key) != statuses.at(key)) {
+        state.SkipWithError("the baseline and the module disagree");
+        break;
+      }
+    }
+    world.deleteAll();
+  }
+  double bytes = 0;
+  for (auto _ : state) {
+    const size_t liveBefore = allocStats.live;
+    allocStats.peak = allocStats.live;
+    BaselineStatuses statuses;
+    benchmark::DoNotOptimize(world.baseline(statuses));
+    bytes = double(allocStats.peak - liveBefore) / kRequests;
+    // As for the module, tearing the statuses down is not part of computing them.
+    state.PauseTiming();
+    statuses = {};
+    state.ResumeTiming();
+  }
+  state.counters["time_per_request"] = perRequest(kRequests);
+  state.counters["bytes_per_request"] = bytes;
+}
+
+void macChange(benchmark::State& state, bool ring) {
+  BenchWorld& world = BenchWorld::instance();
+  world.addAll();
+  requireAllPublished(state, world);
+  RingScope scope(ring);
+  uint32_t expected = 0;
+  for (auto _ : state) expected = world.moveMac();
+  // Every request through the via follows it.
+  for (uint32_t k = 0; k < kRequestsPerVrf; k += kViasPerVrf) {
+    if (world.published(requestKey(0, k)) != expected) {
+      state.SkipWithError("a request did not follow the MAC change");
+      break;
+    }
+  }
+  state.counters["time_per_change"] = perRequest(1);
+  state.counters["time_per_request"] = perRequest(kRequestsPerVrf / kViasPerVrf);
+  world.deleteAll();
+}
+
+void deleteRequests(benchmark::State& state, bool ring) {
+  BenchWorld& world = BenchWorld::instance();
+  RingScope scope(ring);
+  for (auto _ : state) {
+    state.PauseTiming();
+    world.addAll();
+    requireAllPublished(state, world);
+    state.ResumeTiming();
+    world.deleteAll();
+  }
+  if (world.statusCount() != 0) state.SkipWithError("statuses left after deleting every request");
+  state.counters["time_per_request"] = perRequest(kRequests);
+}
+
+void BM_E2E_AddRequests(benchmark::State& state) { addRequests(state, true); }
+void BM_E2E_AddRequests_RingOff(benchmark::State& state) { addRequests(state, false); }
+// The baseline writes no trace; its _RingOff twin is there for side-by-side reading.
+void BM_E2E_Baseline(benchmark::State& state) { baseline(state, true); }
+void BM_E2E_Baseline_RingOff(benchmark::State& state) { baseline(state, false); }
+void BM_E2E_MacChange(benchmark::State& state) { macChange(state, true); }
+void BM_E2E_MacChange_RingOff(benchmark::State& state) { macChange(state, false); }
+void BM_E2E_DeleteRequests(benchmark::State& state) { deleteRequests(state, true); }
+void BM_E2E_DeleteRequests_RingOff(benchmark::State& state) { deleteRequests(state, false); }
+
+// Whole-population runs take about a second each: a few iterations are enough.
+BENCHMARK(BM_E2E_AddRequests)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_AddRequests_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_Baseline)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_Baseline_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_MacChange)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_E2E_MacChange_RingOff)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_E2E_DeleteRequests)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_DeleteRequests_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+}  // namespace
