@@ -5,57 +5,59 @@
 namespace Core {
 
 namespace {
-std::atomic<bool> threadSafeFlag{false};
 std::atomic<int64_t> liveNodes{0};
 }  // namespace
 
-void threadSafeIs(bool threadSafe) { threadSafeFlag.store(threadSafe, std::memory_order_relaxed); }
-bool threadSafe() { return threadSafeFlag.load(std::memory_order_relaxed); }
-
 Publisher::~Publisher() {
-  for (Subscriber* s : subscribers_) {
+  if (!list_) return;
+  for (Subscriber* s : list_->subscribers) {
     if (s) s->publisher_ = nullptr;
   }
 }
 
 void Publisher::subscribe(Subscriber& subscriber) {
+  if (!list_) list_ = std::make_unique<List>();
   subscriber.publisher_ = this;
-  subscriber.index_ = subscribers_.size();
-  subscribers_.push_back(&subscriber);
+  subscriber.index_ = list_->subscribers.size();
+  list_->subscribers.push_back(&subscriber);
 }
 
 void Publisher::unsubscribe(Subscriber& subscriber) {
-  CORE_ASSERT(subscriber.publisher_ == this && subscribers_[subscriber.index_] == &subscriber);
+  CORE_ASSERT(subscriber.publisher_ == this && list_->subscribers[subscriber.index_] == &subscriber);
   subscriber.publisher_ = nullptr;
-  subscribers_[subscriber.index_] = nullptr;
-  ++vacant_;
-  if (depth_ == 0) compact();
+  list_->subscribers[subscriber.index_] = nullptr;
+  ++list_->vacant;
+  if (list_->depth == 0) compact();
 }
 
 void Publisher::compact() {
+  auto& subscribers = list_->subscribers;
   size_t out = 0;
-  for (Subscriber* s : subscribers_) {
+  for (Subscriber* s : subscribers) {
     if (!s) continue;
     s->index_ = out;
-    subscribers_[out++] = s;
+    subscribers[out++] = s;
   }
-  subscribers_.resize(out);
-  vacant_ = 0;
+  subscribers.resize(out);
+  list_->vacant = 0;
 }
 
 void Publisher::publish(AttrId attr, const void* key) {
+  if (!list_) return;
+  List& list = *list_;
   // Leaves the publication also when a handler throws, so that vacated entries are compacted.
   struct Depth {
     Publisher& publisher;
-    explicit Depth(Publisher& p) : publisher(p) { ++publisher.depth_; }
+    List& list;
+    Depth(Publisher& p, List& l) : publisher(p), list(l) { ++list.depth; }
     ~Depth() {
-      if (--publisher.depth_ == 0 && publisher.vacant_ != 0) publisher.compact();
+      if (--list.depth == 0 && list.vacant != 0) publisher.compact();
     }
-  } depth(*this);
+  } depth(*this, list);
   // Subscribers added by a handler sit beyond `count` and first hear the next publication.
-  const size_t count = subscribers_.size();
+  const size_t count = list.subscribers.size();
   for (size_t i = 0; i < count; ++i) {
-    Subscriber* s = subscribers_[i];
+    Subscriber* s = list.subscribers[i];
     if (s) s->dispatch_(*s, attr, key);
   }
 }
@@ -91,19 +93,11 @@ void Node::dumpState(DumpContext& ctx, uint32_t indent) const { ctx.genericDump(
 
 namespace detail {
 
-std::vector<NotifyFrame>& notifyFrames() {
-  thread_local std::vector<NotifyFrame> frames = [] {
-    std::vector<NotifyFrame> v;
-    v.reserve(64);
-    return v;
-  }();
-  return frames;
-}
-
 const NotifyFrame* findNotifyFrame(const Node* entity, AttrId attr) {
-  auto& frames = notifyFrames();
-  for (auto it = frames.rbegin(); it != frames.rend(); ++it) {
-    if (it->entity == entity && it->attr == attr) return &*it;
+  const NotifyStack& stack = notifyStack;
+  for (uint32_t i = stack.depth; i-- > 0;) {
+    const NotifyFrame& frame = stack.frames[i];
+    if (frame.entity == entity && frame.attr == attr) return &frame;
   }
   return nullptr;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -28,9 +29,15 @@ struct ReinstantiationError : std::logic_error {
 // Identifies one attribute of an entity type in a publication.
 using AttrId = uint32_t;
 
+namespace detail {
+inline std::atomic<bool> threadSafeFlag{false};
+}  // namespace detail
+
 // Process-wide flag: use counts are updated atomically only while it is set.
-void threadSafeIs(bool threadSafe);
-bool threadSafe();
+inline void threadSafeIs(bool threadSafe) {
+  detail::threadSafeFlag.store(threadSafe, std::memory_order_relaxed);
+}
+inline bool threadSafe() { return detail::threadSafeFlag.load(std::memory_order_relaxed); }
 
 class Subscriber;
 
@@ -46,8 +53,8 @@ class Publisher {
 
   void subscribe(Subscriber& subscriber);
   void unsubscribe(Subscriber& subscriber);
-  bool hasSubscribers() const { return subscribers_.size() > vacant_; }
-  size_t subscriberCount() const { return subscribers_.size() - vacant_; }
+  bool hasSubscribers() const { return list_ && list_->subscribers.size() > list_->vacant; }
+  size_t subscriberCount() const { return list_ ? list_->subscribers.size() - list_->vacant : 0; }
 
   // Calls every subscriber with the attribute and a pointer to the changed key.
   void publish(AttrId attr, const void* key);
@@ -55,9 +62,14 @@ class Publisher {
  private:
   void compact();
 
-  std::vector<Subscriber*> subscribers_;
-  uint32_t depth_ = 0;   // publications under way on this publisher
-  uint32_t vacant_ = 0;  // entries vacated during a publication, removed afterwards
+  // Allocated with the first subscription: most entities are never watched, and an entity
+  // costs one pointer for its publisher until they are.
+  struct List {
+    std::vector<Subscriber*> subscribers;
+    uint32_t depth = 0;   // publications under way on this publisher
+    uint32_t vacant = 0;  // entries vacated during a publication, removed afterwards
+  };
+  std::unique_ptr<List> list_;
 };
 
 // One registration on a publisher, with its dispatch function.
@@ -214,7 +226,14 @@ struct NotifyFrame {
   const void* oldValue;
   const void* newValue;
 };
-std::vector<NotifyFrame>& notifyFrames();
+// The anchored pairs of the publications under way on this thread, innermost last. Handlers
+// nest publications only as deep as the module's pipeline chains writes, far below the bound.
+inline constexpr uint32_t kMaxNotifyDepth = 256;
+struct NotifyStack {
+  NotifyFrame frames[kMaxNotifyDepth];
+  uint32_t depth;
+};
+inline constinit thread_local NotifyStack notifyStack{};
 template <class V>
 const void* typeTag() {
   static const char tag = 0;
@@ -228,11 +247,13 @@ class NotifyScope {
  public:
   template <class V>
   NotifyScope(const Node* entity, AttrId attr, const V* oldValue, const V* newValue) {
-    detail::notifyFrames().push_back({entity, attr, detail::typeTag<V>(), oldValue, newValue});
+    detail::NotifyStack& stack = detail::notifyStack;
+    CORE_ASSERT(stack.depth < detail::kMaxNotifyDepth);
+    stack.frames[stack.depth++] = {entity, attr, detail::typeTag<V>(), oldValue, newValue};
   }
   NotifyScope(const NotifyScope&) = delete;
   NotifyScope& operator=(const NotifyScope&) = delete;
-  ~NotifyScope() { detail::notifyFrames().pop_back(); }
+  ~NotifyScope() { --detail::notifyStack.depth; }
 };
 
 template <class V>

@@ -85,7 +85,8 @@ class HashTable {
   static constexpr uint8_t kEmpty = 0xff;
   static constexpr uint8_t kTombstone = 0xfe;
   static constexpr uint32_t kSeed = keySeed<Key>();
-  static constexpr size_t kMinCapacity = 8;
+  // Small: most tables of the module hold one or a few members (a next hop's interfaces).
+  static constexpr size_t kMinCapacity = 2;
 
   static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> 25); }
   size_t mask() const { return capacity_ - 1; }
