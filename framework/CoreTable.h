@@ -104,7 +104,7 @@ class HashTable {
       moveIn(std::move(oldSlots[i]));
       oldSlots[i].~Slot();
     }
-    deallocate(oldCtrl, oldSlots);
+    deallocate(oldSlots, oldCapacity);
   }
 
   void moveIn(Slot&& value) {
@@ -116,18 +116,21 @@ class HashTable {
     new (&slots_[i]) Slot(std::move(value));
   }
 
+  // One block per table: the members first, then one control byte per member.
+  static size_t blockSize(size_t capacity) { return capacity * sizeof(Slot) + capacity; }
+
   void allocate(size_t capacity) {
-    ctrl_ = new uint8_t[capacity];
+    void* block = ::operator new(blockSize(capacity), std::align_val_t(alignof(Slot)));
+    slots_ = static_cast<Slot*>(block);
+    ctrl_ = reinterpret_cast<uint8_t*>(slots_ + capacity);
     std::memset(ctrl_, kEmpty, capacity);
-    slots_ = static_cast<Slot*>(::operator new(capacity * sizeof(Slot), std::align_val_t(alignof(Slot))));
     capacity_ = capacity;
     size_ = 0;
     tombstones_ = 0;
   }
 
-  static void deallocate(uint8_t* ctrl, Slot* slots) {
-    delete[] ctrl;
-    if (slots) ::operator delete(slots, std::align_val_t(alignof(Slot)));
+  static void deallocate(Slot* slots, size_t capacity) {
+    if (slots) ::operator delete(slots, blockSize(capacity), std::align_val_t(alignof(Slot)));
   }
 
   void release() {
@@ -141,7 +144,7 @@ class HashTable {
     for (size_t i = 0; i < capacity; ++i) {
       if (ctrl[i] < kTombstone) slots[i].~Slot();
     }
-    deallocate(ctrl, slots);
+    deallocate(slots, capacity);
   }
 
   uint8_t* ctrl_ = nullptr;
