@@ -3,18 +3,11 @@
 #include <string>
 
 #include "framework/Assert.h"
+#include "framework/CollectionOps.h"
 
 namespace FwdL3Unicast {
 
 namespace {
-
-// The count line of a collection at indent + 2, then one line per member at indent + 4.
-template <class Coll, class MemberLine>
-void dumpMembers(Core::DumpContext& ctx, uint32_t indent, const char* name, const Coll& coll,
-                 MemberLine memberLine) {
-  ctx.line(indent + 2, "%s: #%u\n", name, static_cast<unsigned>(coll.size()));
-  for (const auto& member : coll) memberLine(member, indent + 4);
-}
 
 std::string text(const Netval::IpGenAddr& addr) { return addr.toString(); }
 std::string text(Netval::IntfId intfId) { return intfId.name(); }
@@ -22,15 +15,6 @@ std::string text(Netval::EthAddr macAddr) { return macAddr.toString(); }
 
 // nhIndex is printed signed on purpose: the dumps show what the forwarding engine's tools show.
 int32_t signedIndex(uint32_t nhIndex) { return static_cast<int32_t>(nhIndex); }
-
-// Returns the child stored under `key`, creating and inserting it first when there is none.
-template <class Coll, class Create>
-typename Coll::member_type childIs(Coll& coll, const typename Coll::key_type& key, Create create) {
-  if (typename Coll::member_type existing = coll.get(key)) return existing;
-  typename Coll::member_type created = create(key);
-  coll.set(created);
-  return created;
-}
 
 // Stores `value` and notifies `attr` with a pointer to it, unless it is unchanged.
 template <class V>
@@ -44,27 +28,27 @@ void attributeIs(const Core::Node& node, Core::AttrId attr, V& stored, V value) 
 
 void NexthopNhIndexResolverConfigDir::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopNhIndexResolverConfigDir\n");
-  dumpMembers(ctx, indent, "config", config(),
-              [&ctx](const NexthopNhIndexResolverKey& key, uint32_t at) {
-                ctx.line(at, "interface %s, nexthop %s, vrfName %s\n", text(key.intfId()).c_str(),
-                         text(key.nexthop()).c_str(), key.vrfName().c_str());
-              });
+  Core::dumpMembers(
+      ctx, indent, "config", config(), [&ctx](const NexthopNhIndexResolverKey& key, uint32_t at) {
+        ctx.line(at, "interface %s, nexthop %s, vrfName %s\n", text(key.intfId()).c_str(),
+                 text(key.nexthop()).c_str(), key.vrfName().c_str());
+      });
 }
 
 void NexthopNhIndexResolverStatusDir::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopNhIndexResolverStatusDir\n");
-  dumpMembers(ctx, indent, "status", status_,
-              [&ctx](const NexthopNhIndexResolverStatus& status, uint32_t at) {
-                const NexthopNhIndexResolverKey& key = status.key();
-                ctx.line(at, "interface %s, nexthop %s, vrfName %s, nhIndex %d\n",
-                         text(key.intfId()).c_str(), text(key.nexthop()).c_str(),
-                         key.vrfName().c_str(), signedIndex(status.nhIndex()));
-              });
+  Core::dumpMembers(ctx, indent, "status", status_,
+                    [&ctx](const NexthopNhIndexResolverStatus& status, uint32_t at) {
+                      const NexthopNhIndexResolverKey& key = status.key();
+                      ctx.line(at, "interface %s, nexthop %s, vrfName %s, nhIndex %d\n",
+                               text(key.intfId()).c_str(), text(key.nexthop()).c_str(),
+                               key.vrfName().c_str(), signedIndex(status.nhIndex()));
+                    });
 }
 
 void NexthopIntfIdColl::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopIntfIdColl - %s\n", vrfName_.c_str());
-  dumpMembers(ctx, indent, "config", config(), [&ctx](const NexthopIntfId& key, uint32_t at) {
+  Core::dumpMembers(ctx, indent, "config", config(), [&ctx](const NexthopIntfId& key, uint32_t at) {
     ctx.line(at, "interface %s, nexthop %s\n", text(key.intfId()).c_str(),
              text(key.nexthop()).c_str());
   });
@@ -72,7 +56,7 @@ void NexthopIntfIdColl::dumpState(Core::DumpContext& ctx, uint32_t indent) const
 
 void NexthopToViaNexthopMap::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopToViaNexthopMap\n");
-  dumpMembers(
+  Core::dumpMembers(
       ctx, indent, "map", map(), [&ctx](const NexthopToViaNexthopMapEntry& entry, uint32_t at) {
         const NexthopIntfId& key = entry.nexthopIntfId();
         ctx.line(at, "interface %s, nexthop %s, viaNexthop %s\n", text(key.intfId()).c_str(),
@@ -82,23 +66,23 @@ void NexthopToViaNexthopMap::dumpState(Core::DumpContext& ctx, uint32_t indent) 
 
 void NexthopToViaNexthopMacMap::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopToViaNexthopMacMap\n");
-  dumpMembers(ctx, indent, "map", map(),
-              [&ctx](const NexthopToViaNexthopMacMapEntry& entry, uint32_t at) {
-                const NexthopIntfId& key = entry.nexthopIntfId();
-                ctx.line(at, "interface %s, nexthop %s, viaNexthop %s, macAddr %s\n",
-                         text(key.intfId()).c_str(), text(key.nexthop()).c_str(),
-                         text(entry.viaNexthop()).c_str(), text(entry.macAddr()).c_str());
-              });
+  Core::dumpMembers(ctx, indent, "map", map(),
+                    [&ctx](const NexthopToViaNexthopMacMapEntry& entry, uint32_t at) {
+                      const NexthopIntfId& key = entry.nexthopIntfId();
+                      ctx.line(at, "interface %s, nexthop %s, viaNexthop %s, macAddr %s\n",
+                               text(key.intfId()).c_str(), text(key.nexthop()).c_str(),
+                               text(entry.viaNexthop()).c_str(), text(entry.macAddr()).c_str());
+                    });
 }
 
 void ViaNexthopMacToNhIndexMap::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "ViaNexthopMacToNhIndexMap - %s\n", vrfName_.c_str());
-  dumpMembers(ctx, indent, "map", map(),
-              [&ctx](const ViaNexthopMacToNhIndexMapEntry& entry, uint32_t at) {
-                const NexthopIntfId& key = entry.nexthopIntfId();
-                ctx.line(at, "interface %s, nexthop %s, nhIndex %d\n", text(key.intfId()).c_str(),
-                         text(key.nexthop()).c_str(), signedIndex(entry.nhIndex()));
-              });
+  Core::dumpMembers(
+      ctx, indent, "map", map(), [&ctx](const ViaNexthopMacToNhIndexMapEntry& entry, uint32_t at) {
+        const NexthopIntfId& key = entry.nexthopIntfId();
+        ctx.line(at, "interface %s, nexthop %s, nhIndex %d\n", text(key.intfId()).c_str(),
+                 text(key.nexthop()).c_str(), signedIndex(entry.nhIndex()));
+      });
 }
 
 void ViaNexthopRequest::macAddrIs(Netval::EthAddr macAddr) {
@@ -123,10 +107,10 @@ void ViaNexthopRequest::dumpState(Core::DumpContext& ctx, uint32_t indent) const
   // Named after the key attribute, not the class: the via is what the reader looks for.
   ctx.line(indent, "ViaNexthopInfo - interface %s, nexthop %s\n",
            text(viaNexthopInfo_.intfId()).c_str(), text(viaNexthopInfo_.nexthop()).c_str());
-  dumpMembers(ctx, indent, "requesterColl", requesterColl(),
-              [&ctx](const Netval::IpGenAddr& nexthop, uint32_t at) {
-                ctx.line(at, "nexthop %s\n", text(nexthop).c_str());
-              });
+  Core::dumpMembers(ctx, indent, "requesterColl", requesterColl(),
+                    [&ctx](const Netval::IpGenAddr& nexthop, uint32_t at) {
+                      ctx.line(at, "nexthop %s\n", text(nexthop).c_str());
+                    });
   ctx.line(indent + 2, "macAddr - %s\n", macAddr_.isZero() ? "none" : text(macAddr_).c_str());
 }
 
@@ -137,7 +121,7 @@ AllViaNexthopRequests::~AllViaNexthopRequests() {
 }
 
 ViaNexthopRequest::Ptr AllViaNexthopRequests::viaNexthopRequestIs(const NexthopIntfId& key) {
-  return childIs(viaNexthopRequest_, key, &ViaNexthopRequest::ViaNexthopRequestIs);
+  return Core::childIs(viaNexthopRequest_, key, &ViaNexthopRequest::ViaNexthopRequestIs);
 }
 
 void RequesterColl::nhIndexFoundIs(bool nhIndexFound) {
@@ -152,10 +136,10 @@ void RequesterColl::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "RequesterColl - macAddr %s\n", text(macAddr_).c_str());
   ctx.line(indent + 2, "nhIndexFound - %s\n", nhIndexFound_ ? "yes" : "no");
   ctx.line(indent + 2, "nhIndex - %u\n", nhIndex_);
-  dumpMembers(ctx, indent, "requesterColl", requesterColl(),
-              [&ctx](const Netval::IpGenAddr& nexthop, uint32_t at) {
-                ctx.line(at, "nexthop - %s\n", text(nexthop).c_str());
-              });
+  Core::dumpMembers(ctx, indent, "requesterColl", requesterColl(),
+                    [&ctx](const Netval::IpGenAddr& nexthop, uint32_t at) {
+                      ctx.line(at, "nexthop - %s\n", text(nexthop).c_str());
+                    });
 }
 
 bool IntfViaNexthopMacToNhIndexRequest::requesterCollIs(const RequesterColl::Ptr& group) {
@@ -195,15 +179,13 @@ void IntfViaNexthopMacToNhIndexRequest::delRequester(Netval::EthAddr macAddr,
 
 void IntfViaNexthopMacToNhIndexRequest::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "IntfViaNexthopMacToNhIndexRequest - interface %s\n", text(intfId_).c_str());
-  dumpMembers(
-      ctx, indent, "requesterColl", requesterColl_,
-      [&ctx](const RequesterColl::Ptr& group, uint32_t at) { ctx.dumpChild(group.get(), at); });
+  Core::dumpChildren(ctx, indent, "requesterColl", requesterColl_);
 }
 
 IntfViaNexthopMacToNhIndexRequest::Ptr AllIntfViaNexthopMacToNhIndexRequest::requestIs(
     Netval::IntfId intfId) {
-  return childIs(request_, intfId,
-                 &IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs);
+  return Core::childIs(request_, intfId,
+                       &IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs);
 }
 
 }  // namespace FwdL3Unicast

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "framework/Assert.h"
+#include "framework/CollectionOps.h"
 #include "framework/DualLog.h"
 #include "framework/KilnMemtab.h"
 
@@ -21,27 +22,17 @@ constexpr std::string_view kVrfForwardingStatusPath = "forwardingGen/vrf/status/
 constexpr std::string_view kForwardingStatusType = "Memtab::FibGen::ForwardingStatus";
 constexpr uint32_t kForwardingStatusMountInfo = 3;
 
-// Every member of a child map: the count line at indent + 2, then each child at indent + 4.
-template <class Coll>
-void dumpChildren(Core::DumpContext& ctx, uint32_t indent, const char* name, const Coll& coll) {
-  ctx.line(indent + 2, "%s: #%u\n", name, static_cast<unsigned>(coll.size()));
-  for (const auto& child : coll) ctx.dumpChild(child.get(), indent + 4);
-}
-
 }  // namespace
 
 NexthopIntfIdColl::Ptr AllVrfNexthopNhIndexResolverConfigDir::vrfConfigIs(
     const L3::VrfName& vrfName) {
-  if (NexthopIntfIdColl::Ptr existing = vrfConfig_.get(vrfName)) return existing;
-  NexthopIntfIdColl::Ptr created = nexthopIntfIdCollFactory(vrfName);
-  vrfConfig_.set(created);
-  return created;
+  return Core::childIs(vrfConfig_, vrfName, &nexthopIntfIdCollFactory);
 }
 
 void AllVrfNexthopNhIndexResolverConfigDir::dumpState(Core::DumpContext& ctx,
                                                       uint32_t indent) const {
   ctx.line(indent, "AllVrfNexthopNhIndexResolverConfigDir\n");
-  dumpChildren(ctx, indent, "vrfConfig", vrfConfig_);
+  Core::dumpChildren(ctx, indent, "vrfConfig", vrfConfig_);
 }
 
 void AllVrfNexthopNhIndexResolverStatusDir::vrfStatusIs(const ViaNexthopMacToNhIndexMap::Ptr& map) {
@@ -55,7 +46,7 @@ void AllVrfNexthopNhIndexResolverStatusDir::vrfStatusIs(const ViaNexthopMacToNhI
 void AllVrfNexthopNhIndexResolverStatusDir::dumpState(Core::DumpContext& ctx,
                                                       uint32_t indent) const {
   ctx.line(indent, "AllVrfNexthopNhIndexResolverStatusDir\n");
-  dumpChildren(ctx, indent, "vrfStatus", vrfStatus_);
+  Core::dumpChildren(ctx, indent, "vrfStatus", vrfStatus_);
 }
 
 VrfNexthopNhIndexResolverSm::Ptr AllVrfNexthopNhIndexResolverSm::smIs(
@@ -107,7 +98,7 @@ void AllVrfNexthopNhIndexResolverSm::smDelAll() {
 
 void AllVrfNexthopNhIndexResolverSm::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "AllVrfNexthopNhIndexResolverSm\n");
-  dumpChildren(ctx, indent, "sm", sm_);
+  Core::dumpChildren(ctx, indent, "sm", sm_);
 }
 
 NexthopNhIndexResolverSm::NestedSm_VrfStatus::NestedSm_VrfStatus(ViaNexthopMacToNhIndexMap::Ptr map,
@@ -414,12 +405,10 @@ void NexthopNhIndexResolverSm::dumpState(Core::DumpContext& ctx, uint32_t indent
   ctx.dumpChild(configDir_.get(), indent + 4);
   ctx.line(indent + 2, "statusDir\n");
   ctx.dumpChildPointer(statusDir_.get(), indent + 4);
-  ctx.line(indent + 2, "allVrfNexthopNhIndexResolverConfigDir: #%u\n",
-           static_cast<unsigned>(allVrfNexthopNhIndexResolverConfigDir_->vrfConfigCount()));
-  const AllVrfNexthopNhIndexResolverSm::Coll& pipelines = allVrfNexthopNhIndexResolverSm_->sm();
-  ctx.line(indent + 2, "allVrfNexthopNhIndexResolverSm: #%u\n",
-           static_cast<unsigned>(pipelines.size()));
-  for (const VrfNexthopNhIndexResolverSm::Ptr& sm : pipelines) ctx.dumpChild(sm.get(), indent + 4);
+  Core::dumpCount(ctx, indent, "allVrfNexthopNhIndexResolverConfigDir",
+                  allVrfNexthopNhIndexResolverConfigDir_->vrfConfigCount());
+  Core::dumpChildren(ctx, indent, "allVrfNexthopNhIndexResolverSm",
+                     allVrfNexthopNhIndexResolverSm_->sm());
 }
 
 }  // namespace FwdL3Unicast

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "framework/Assert.h"
+#include "framework/CollectionOps.h"
 #include "framework/DualLog.h"
 
 namespace FwdL3Unicast {
@@ -52,10 +53,7 @@ void IntfViaInfo::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
 }
 
 IntfViaInfo::Ptr NexthopRequest::intfViaInfoIs(Netval::IntfId intfId) {
-  if (IntfViaInfo::Ptr present = intfViaInfo_.get(intfId)) return present;
-  IntfViaInfo::Ptr created = IntfViaInfo::IntfViaInfoIs(intfId);
-  intfViaInfo_.set(created);
-  return created;
+  return Core::childIs(intfViaInfo_, intfId, &IntfViaInfo::IntfViaInfoIs);
 }
 
 void NexthopRequest::addIntfId(Netval::IntfId intfId) {
@@ -74,15 +72,11 @@ void NexthopRequest::delIntfId(Netval::IntfId intfId) {
 
 void NexthopRequest::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopRequest - nexthop %s\n", nexthop_.toString().c_str());
-  ctx.line(indent + 2, "intfViaInfo: #%u\n", static_cast<unsigned>(intfViaInfo_.size()));
-  for (const IntfViaInfo::Ptr& info : intfViaInfo_) ctx.dumpChild(info.get(), indent + 4);
+  Core::dumpChildren(ctx, indent, "intfViaInfo", intfViaInfo_);
 }
 
 NexthopRequest::Ptr AllNexthopRequests::requestIs(const Netval::IpGenAddr& nexthop) {
-  if (NexthopRequest::Ptr present = request_.get(nexthop)) return present;
-  NexthopRequest::Ptr created = NexthopRequest::NexthopRequestIs(nexthop);
-  request_.set(created);
-  return created;
+  return Core::childIs(request_, nexthop, &NexthopRequest::NexthopRequestIs);
 }
 
 NexthopToViaNexthopSm::Ptr NexthopToViaNexthopSm::NexthopToViaNexthopSmIs(
@@ -315,12 +309,11 @@ void NexthopToViaNexthopSm::dumpState(Core::DumpContext& ctx, uint32_t indent) c
   ctx.dumpChild(config_.get(), indent + 4);
   ctx.line(indent + 2, "status\n");
   ctx.genericDump(*status_, indent + 4);
-  const size_t requests = allNexthopRequests_ ? allNexthopRequests_->requestCount() : 0;
-  ctx.line(indent + 2, "allNexthopRequests: #%u\n", static_cast<unsigned>(requests));
-  if (!allNexthopRequests_) return;
-  for (const NexthopRequest::Ptr& request : allNexthopRequests_->request()) {
-    ctx.dumpChild(request.get(), indent + 4);
+  if (!allNexthopRequests_) {
+    Core::dumpCount(ctx, indent, "allNexthopRequests", 0);
+    return;
   }
+  Core::dumpChildren(ctx, indent, "allNexthopRequests", allNexthopRequests_->request());
 }
 
 }  // namespace FwdL3Unicast

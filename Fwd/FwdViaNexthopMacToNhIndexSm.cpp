@@ -4,6 +4,7 @@
 #include <string>
 
 #include "framework/Assert.h"
+#include "framework/CollectionOps.h"
 #include "framework/DualLog.h"
 
 namespace FwdL3Unicast {
@@ -434,17 +435,16 @@ void ViaNexthopMacToNhIndexSm::dumpState(Core::DumpContext& ctx, uint32_t indent
   ctx.dumpChild(config_.get(), indent + 4);
   ctx.line(indent + 2, "status\n");
   ctx.dumpChildPointer(status_.get(), indent + 4);
-  const auto requestCount = static_cast<unsigned>(
-      allIntfViaNexthopMacToNhIndexRequest_ ? allIntfViaNexthopMacToNhIndexRequest_->requestCount()
-                                            : 0);
-  ctx.line(indent + 2, "allIntfViaNexthopMacToNhIndexRequest: #%u\n", requestCount);
-  const auto smCount = static_cast<unsigned>(
-      allIntfViaNexthopMacToNhIndexSm_ ? allIntfViaNexthopMacToNhIndexSm_->smCount() : 0);
-  ctx.line(indent + 2, "allIntfViaNexthopMacToNhIndexSm: #%u\n", smCount);
-  if (!allIntfViaNexthopMacToNhIndexSm_) return;
-  for (const IntfViaNexthopMacToNhIndexSm::Ptr& sm : allIntfViaNexthopMacToNhIndexSm_->sm()) {
-    ctx.dumpChild(sm.get(), indent + 4);
+  Core::dumpCount(ctx, indent, "allIntfViaNexthopMacToNhIndexRequest",
+                  allIntfViaNexthopMacToNhIndexRequest_
+                      ? allIntfViaNexthopMacToNhIndexRequest_->requestCount()
+                      : 0);
+  if (!allIntfViaNexthopMacToNhIndexSm_) {
+    Core::dumpCount(ctx, indent, "allIntfViaNexthopMacToNhIndexSm", 0);
+    return;
   }
+  Core::dumpChildren(ctx, indent, "allIntfViaNexthopMacToNhIndexSm",
+                     allIntfViaNexthopMacToNhIndexSm_->sm());
 }
 
 }  // namespace FwdL3Unicast

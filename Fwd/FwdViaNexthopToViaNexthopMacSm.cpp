@@ -1,6 +1,7 @@
 #include "Fwd/FwdViaNexthopToViaNexthopMacSm.h"
 
 #include "framework/Assert.h"
+#include "framework/CollectionOps.h"
 #include "framework/DualLog.h"
 
 namespace FwdL3Unicast {
@@ -223,15 +224,12 @@ void ViaNexthopToViaNexthopMacSm::dumpState(Core::DumpContext& ctx, uint32_t ind
   ctx.dumpChild(config_.get(), indent + 4);
   ctx.line(indent + 2, "status\n");
   ctx.dumpChild(status_.get(), indent + 4);
-  const unsigned viaCount =
-      allViaNexthopRequests_
-          ? static_cast<unsigned>(allViaNexthopRequests_->viaNexthopRequestCount())
-          : 0u;
-  ctx.line(indent + 2, "allViaNexthopRequests: #%u\n", viaCount);
-  if (!allViaNexthopRequests_) return;
-  for (const ViaNexthopRequest::Ptr& request : allViaNexthopRequests_->viaNexthopRequest()) {
-    ctx.dumpChild(request.get(), indent + 4);
+  if (!allViaNexthopRequests_) {
+    Core::dumpCount(ctx, indent, "allViaNexthopRequests", 0);
+    return;
   }
+  Core::dumpChildren(ctx, indent, "allViaNexthopRequests",
+                     allViaNexthopRequests_->viaNexthopRequest());
 }
 
 }  // namespace FwdL3Unicast

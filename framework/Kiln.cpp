@@ -1,12 +1,16 @@
 #include "framework/Kiln.h"
 
-namespace Kiln::detail {
+namespace Kiln {
 
 void throwStringTooLong() { throw RangeError("Kiln::String::bytes > maxLength() not allowed"); }
 
 void throwArrayCountTooLarge() { throw RangeError("Kiln::Array::count > maxCount() not allowed"); }
 
 void throwArrayIndexOutOfRange() { throw RangeError("Kiln::Array::index >= count() not allowed"); }
+
+}  // namespace Kiln
+
+namespace Kiln::detail {
 
 std::string forAttr(std::string_view attr) {
   if (attr.empty()) return {};

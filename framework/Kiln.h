@@ -33,11 +33,15 @@ struct ParseError : std::invalid_argument {
   using std::invalid_argument::invalid_argument;
 };
 
-namespace detail {
+// Raise the bound errors of String and Array with their fixed texts. Public so that a type which
+// stores a bounded value its own way (a vector standing for an Array) fails exactly like it.
 [[noreturn]] void throwStringTooLong();
 [[noreturn]] void throwArrayCountTooLarge();
 [[noreturn]] void throwArrayIndexOutOfRange();
-}  // namespace detail
+
+// Prints `items` in the text form of an Array: "[a, b]", each item as an attribute of its type.
+template <class Range>
+void printList(std::ostream& os, const Range& items);
 
 // A string of at most N bytes. Building one from longer text throws RangeError, so a held value
 // always fits its bound.
@@ -66,7 +70,7 @@ class String {
 
  private:
   void checkLength() const {
-    if (s_.size() > N) detail::throwStringTooLong();
+    if (s_.size() > N) throwStringTooLong();
   }
 
   std::string s_;
@@ -85,13 +89,13 @@ class Array {
 
   // Grows with default elements or shrinks, resetting the dropped ones; throws RangeError if n > N.
   void countIs(size_t n) {
-    if (n > N) detail::throwArrayCountTooLarge();
+    if (n > N) throwArrayCountTooLarge();
     std::fill(items_.begin() + std::min(n, count_), items_.begin() + count_, T{});
     count_ = n;
   }
   // Appends one element; throws RangeError when the array is full.
   void push(const T& item) {
-    if (count_ == N) detail::throwArrayCountTooLarge();
+    if (count_ == N) throwArrayCountTooLarge();
     items_[count_++] = item;
   }
 
@@ -118,7 +122,7 @@ class Array {
 
  private:
   size_t checked(size_t i) const {
-    if (i >= count_) detail::throwArrayIndexOutOfRange();
+    if (i >= count_) throwArrayIndexOutOfRange();
     return i;
   }
 
@@ -239,18 +243,6 @@ void parseComposite(Parser& p, T& out, std::string_view attr) {
 }
 
 template <class T, size_t N>
-void printArray(std::ostream& os, const Array<T, N>& v) {
-  os << '[';
-  const char* sep = "";
-  for (const T& item : v) {
-    os << sep;
-    printAttr(os, item);
-    sep = ", ";
-  }
-  os << ']';
-}
-
-template <class T, size_t N>
 void parseArray(Parser& p, Array<T, N>& out, std::string_view attr) {
   p.expect("[", forAttr(attr));
   out.countIs(0);
@@ -292,7 +284,7 @@ void printAttr(std::ostream& os, const M& v) {
   } else if constexpr (Reflected<M>) {
     printComposite(os, v);
   } else if constexpr (IsArray<M>::value) {
-    printArray(os, v);
+    printList(os, v);
   } else {
     static_assert(Leaf<M>, "attribute type has no text form");
     os << v;
@@ -331,6 +323,18 @@ void parseAttr(Parser& p, M& out, std::string_view attr) {
 }
 
 }  // namespace detail
+
+template <class Range>
+void printList(std::ostream& os, const Range& items) {
+  os << '[';
+  const char* sep = "";
+  for (const auto& item : items) {
+    os << sep;
+    detail::printAttr(os, item);
+    sep = ", ";
+  }
+  os << ']';
+}
 
 // CRTP base of a value type T that declares `kilnTypeName` and `kilnAttrs()`. Gives T, from the
 // attribute list alone: equality, ordering (attributes in declaration order), a hash that depends

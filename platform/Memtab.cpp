@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "framework/CollectionOps.h"
 #include "framework/CoreDump.h"
 
 namespace Memtab::Fib {
@@ -39,21 +40,14 @@ namespace Memtab::FibGen {
 
 namespace {
 
-// Kiln::Array's bound errors, so that a FEC fails exactly like the generated array it stands for.
-[[noreturn]] void throwCountTooLarge() {
-  throw Kiln::RangeError("Kiln::Array::count > maxCount() not allowed");
-}
-[[noreturn]] void throwIndexOutOfRange() {
-  throw Kiln::RangeError("Kiln::Array::index >= count() not allowed");
-}
-
+// The via vectors fail and print exactly like the generated arrays they stand for.
 void countIs(std::vector<Via>& vias, size_t count, size_t bound) {
-  if (count > bound) throwCountTooLarge();
+  if (count > bound) Kiln::throwArrayCountTooLarge();
   vias.resize(count);
 }
 
 const Via& at(const std::vector<Via>& vias, size_t index) {
-  if (index >= vias.size()) throwIndexOutOfRange();
+  if (index >= vias.size()) Kiln::throwArrayIndexOutOfRange();
   return vias[index];
 }
 
@@ -62,20 +56,10 @@ void viaAtIs(std::vector<Via>& vias, size_t index, const Via& via, size_t bound)
   vias[index] = via;
 }
 
-void printVias(std::ostream& os, std::span<const Via> vias) {
-  os << '[';
-  const char* separator = "";
-  for (const Via& via : vias) {
-    os << separator << via;
-    separator = ", ";
-  }
-  os << ']';
-}
-
 }  // namespace
 
 Fec::Fec(Fib::FecId key, std::vector<Via> vias) : key_(key), vias_(std::move(vias)) {
-  if (vias_.size() > maxVia) throwCountTooLarge();
+  if (vias_.size() > maxVia) Kiln::throwArrayCountTooLarge();
 }
 
 void Fec::viaCountIs(size_t count) { countIs(vias_, count, maxVia); }
@@ -94,9 +78,9 @@ void Fec::backupViaIs(size_t index, const Via& via) {
 
 std::ostream& operator<<(std::ostream& os, const Fec& fec) {
   os << "{key=" << fec.key_ << ", via=";
-  printVias(os, fec.vias_);
+  Kiln::printList(os, fec.vias_);
   os << ", backupVia=";
-  printVias(os, fec.backupVias_);
+  Kiln::printList(os, fec.backupVias_);
   return os << '}';
 }
 
@@ -117,8 +101,7 @@ void ForwardingStatus::doCorruptionDetected(const std::string& message) const {
 
 void ForwardingStatus::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "ForwardingStatus\n");
-  ctx.line(indent + 2, "fec: #%u\n", static_cast<uint32_t>(fec_.size()));
-  for (const Fec& entry : fec_) ctx.line(indent + 4, "%s\n", Kiln::toText(entry).c_str());
+  Core::dumpValues(ctx, indent, "fec", fec_);
   if (corruptionCount_ == 0) return;
   ctx.line(indent + 2, "corruptionCount: %u lastCorruption: %s\n", corruptionCount_,
            lastCorruption_.c_str());

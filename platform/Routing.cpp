@@ -4,27 +4,10 @@
 #include <utility>
 #include <vector>
 
+#include "framework/CollectionOps.h"
 #include "framework/CoreDump.h"
 
 namespace Routing {
-
-namespace {
-
-// The count line of a collection of values, then one line per member in the collection's order.
-template <class Coll>
-void dumpValues(Core::DumpContext& ctx, uint32_t indent, const char* name, const Coll& coll) {
-  ctx.line(indent + 2, "%s: #%u\n", name, static_cast<uint32_t>(coll.size()));
-  for (const auto& member : coll) ctx.line(indent + 4, "%s\n", member.toString().c_str());
-}
-
-// The count line of a collection of owned child entities, then each child's own dump.
-template <class Coll>
-void dumpChildren(Core::DumpContext& ctx, uint32_t indent, const char* name, const Coll& coll) {
-  ctx.line(indent + 2, "%s: #%u\n", name, static_cast<uint32_t>(coll.size()));
-  for (const auto& child : coll) ctx.dumpChild(child.get(), indent + 4);
-}
-
-}  // namespace
 
 NexthopVrfConfig::Ptr NexthopVrfConfig::NexthopVrfConfigIs(const L3::VrfName& vrfName,
                                                            NexthopStatusFecIdType fecIdType) {
@@ -34,7 +17,7 @@ NexthopVrfConfig::Ptr NexthopVrfConfig::NexthopVrfConfigIs(const L3::VrfName& vr
 void NexthopVrfConfig::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopVrfConfig - %s\n", vrfName_.c_str());
   ctx.line(indent + 2, "fecIdType: %u\n", static_cast<uint32_t>(fecIdType_));
-  dumpValues(ctx, indent, "nexthop", nexthop_);
+  Core::dumpValues(ctx, indent, "nexthop", nexthop_);
 }
 
 NexthopConfig::Ptr NexthopConfig::NexthopConfigIs() { return Ptr(new NexthopConfig()); }
@@ -50,7 +33,7 @@ NexthopVrfConfig::Ptr NexthopConfig::vrfIs(const L3::VrfName& vrfName,
 
 void NexthopConfig::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopConfig\n");
-  dumpChildren(ctx, indent, "vrf", vrf_);
+  Core::dumpChildren(ctx, indent, "vrf", vrf_);
 }
 
 NexthopVrfStatus::Ptr NexthopVrfStatus::NexthopVrfStatusIs(const L3::VrfName& vrfName) {
@@ -59,31 +42,25 @@ NexthopVrfStatus::Ptr NexthopVrfStatus::NexthopVrfStatusIs(const L3::VrfName& vr
 
 void NexthopVrfStatus::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopVrfStatus - %s\n", vrfName_.c_str());
-  dumpValues(ctx, indent, "nexthop", nexthop_);
+  Core::dumpValues(ctx, indent, "nexthop", nexthop_);
 }
 
 NexthopStatus::Ptr NexthopStatus::NexthopStatusIs() { return Ptr(new NexthopStatus()); }
 
 NexthopVrfStatus::Ptr NexthopStatus::vrfIs(const L3::VrfName& vrfName) {
-  if (NexthopVrfStatus::Ptr present = vrf_.get(vrfName)) return present;
-  NexthopVrfStatus::Ptr created = NexthopVrfStatus::NexthopVrfStatusIs(vrfName);
-  vrf_.set(created);
-  return created;
+  return Core::childIs(vrf_, vrfName, &NexthopVrfStatus::NexthopVrfStatusIs);
 }
 
 void NexthopStatus::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopStatus\n");
-  dumpChildren(ctx, indent, "vrf", vrf_);
+  Core::dumpChildren(ctx, indent, "vrf", vrf_);
 }
 
 NexthopBacklog::Ptr NexthopBacklog::NexthopBacklogIs() { return Ptr(new NexthopBacklog()); }
 
 void NexthopBacklog::dumpState(Core::DumpContext& ctx, uint32_t indent) const {
   ctx.line(indent, "NexthopBacklog\n");
-  ctx.line(indent + 2, "backlog: #%u\n", static_cast<uint32_t>(backlog_.size()));
-  for (const Netval::IpGenAddr& addr : backlog_) {
-    ctx.line(indent + 4, "%s\n", addr.toString().c_str());
-  }
+  Core::dumpValues(ctx, indent, "backlog", backlog_);
 }
 
 FibMonitorHelperSm::Ptr FibMonitorHelperSm::FibMonitorHelperSmIs(
@@ -181,7 +158,7 @@ void FibMonitorHelperSm::dumpState(Core::DumpContext& ctx, uint32_t indent) cons
   std::vector<Memtab::Fib::FecId> fecIds;
   for (const auto& users : addrsOfFec_) fecIds.push_back(users.first);
   std::sort(fecIds.begin(), fecIds.end());
-  ctx.line(indent + 2, "fecUsers: #%u\n", static_cast<uint32_t>(fecIds.size()));
+  Core::dumpCount(ctx, indent, "fecUsers", fecIds.size());
   for (Memtab::Fib::FecId fecId : fecIds) {
     std::string addrs;
     for (const Netval::IpGenAddr& addr : addrsOfFec_.at(fecId)) addrs += " " + addr.toString();

@@ -2,30 +2,30 @@
 
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "framework/CoreDump.h"
+#include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::intf;
-using FwdTest::ip;
-using FwdTest::mac;
-using FwdTest::nhIntf;
-using FwdTest::recordKeys;
+using namespace FwdTest;
+using TestSupport::dump;
 
-template <class Entity>
-std::string dump(const Entity& entity, uint32_t indent) {
-  Core::DumpContext ctx;
-  entity.dumpState(ctx, indent);
-  return ctx.text();
+// Stage 2's record of one via, and stage 3's request record of one interface.
+ViaNexthopRequest::Ptr viaRecord(std::string_view via, std::string_view intfName) {
+  return ViaNexthopRequest::ViaNexthopRequestIs(nhIntf(via, intfName));
+}
+IntfViaNexthopMacToNhIndexRequest::Ptr intfRequest(std::string_view intfName) {
+  return IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf(intfName));
 }
 
 TEST(ViaNexthopRequest, StartsWithoutRequestersOrMac) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   EXPECT_EQ(via->viaNexthopInfo(), nhIntf("10.0.0.254", "Ethernet1"));
   EXPECT_EQ(via->requesterCollCount(), 0u);
   EXPECT_TRUE(via->macAddr().isZero());
@@ -33,7 +33,7 @@ TEST(ViaNexthopRequest, StartsWithoutRequestersOrMac) {
 }
 
 TEST(ViaNexthopRequest, AddAndDelRequesterKeepCount) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   auto recorder = recordKeys<Netval::IpGenAddr>(via.get(), ViaNexthopRequest::requesterCollAttr);
   via->addRequester(ip("10.0.0.1"));
   via->addRequester(ip("10.0.0.2"));
@@ -46,7 +46,7 @@ TEST(ViaNexthopRequest, AddAndDelRequesterKeepCount) {
 }
 
 TEST(ViaNexthopRequest, RequesterCollFamilyIsIdempotent) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   EXPECT_TRUE(via->requesterCollIs(ip("10.0.0.1")));
   EXPECT_FALSE(via->requesterCollIs(ip("10.0.0.1")));
   EXPECT_FALSE(via->requesterCollDel(ip("10.0.0.2")));
@@ -56,7 +56,7 @@ TEST(ViaNexthopRequest, RequesterCollFamilyIsIdempotent) {
 }
 
 TEST(ViaNexthopRequestDeathTest, AddingSameNexthopTwiceAsserts) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   via->addRequester(ip("10.0.0.1"));
   EXPECT_DEATH(via->addRequester(ip("10.0.0.1")),
                "Assertion failed: \"!requesterCollHas\\( nexthop \\)\" in "
@@ -65,14 +65,14 @@ TEST(ViaNexthopRequestDeathTest, AddingSameNexthopTwiceAsserts) {
 }
 
 TEST(ViaNexthopRequestDeathTest, RemovingUnknownNexthopAsserts) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   EXPECT_DEATH(via->delRequester(ip("10.0.0.1")),
                "Assertion failed: \"requesterCollHas\\( nexthop \\)\" in "
                "FwdNexthopNhIndexResolverCommon line");
 }
 
 TEST(ViaNexthopRequest, MacChangePublishesOnceAndEqualMacNothing) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   auto recorder = recordKeys<Netval::EthAddr>(via.get(), ViaNexthopRequest::macAddrAttr);
   via->macAddrIs(mac("00:1c:73:aa:bb:cc"));
   via->macAddrIs(mac("00:1c:73:aa:bb:cc"));
@@ -81,7 +81,7 @@ TEST(ViaNexthopRequest, MacChangePublishesOnceAndEqualMacNothing) {
 }
 
 TEST(ViaNexthopRequest, UnknownMacDumpsNone) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   via->addRequester(ip("10.0.0.1"));
   EXPECT_EQ(dump(*via, 0),
             "ViaNexthopInfo - interface Ethernet1, nexthop 10.0.0.254\n"
@@ -96,7 +96,7 @@ TEST(ViaNexthopRequest, UnknownMacDumpsNone) {
 }
 
 TEST(ViaNexthopRequest, KnownMacDumpsItsTextForm) {
-  auto via = ViaNexthopRequest::ViaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
+  auto via = viaRecord("10.0.0.254", "Ethernet1");
   via->macAddrIs(mac("00:1c:73:aa:bb:cc"));
   EXPECT_EQ(dump(*via, 0),
             "ViaNexthopInfo - interface Ethernet1, nexthop 10.0.0.254\n"
@@ -296,8 +296,7 @@ TEST(RequesterColl, FreshGroupDumpsNotFoundAndAllOnesIndex) {
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequest, NewGroupIsAnnouncedEmptyBeforeItsFirstNexthop) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   auto groups = recordKeys<Netval::EthAddr>(request.get(),
                                             IntfViaNexthopMacToNhIndexRequest::requesterCollAttr);
   std::vector<std::string> events;
@@ -321,8 +320,7 @@ TEST(IntfViaNexthopMacToNhIndexRequest, NewGroupIsAnnouncedEmptyBeforeItsFirstNe
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequest, NexthopsOfOneMacShareOneGroup) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   const Netval::EthAddr m = mac("00:1c:73:aa:bb:cc");
   request->addRequester(m, ip("10.0.0.1"));
   RequesterColl::Ptr group = request->requesterColl(m);
@@ -366,15 +364,13 @@ TEST(IntfViaNexthopMacToNhIndexRequest, SameMacOnTwoInterfacesGivesTwoGroups) {
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequest, NullGroupThrows) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   EXPECT_THROW(request->requesterCollIs(nullptr), Core::NullArgumentError);
   EXPECT_EQ(request->requesterCollCount(), 0u);
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequest, GroupFamilyInsertsReplacesAndDeletes) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   const Netval::EthAddr m = mac("00:1c:73:aa:bb:cc");
   auto first = RequesterColl::RequesterCollIs(m);
   auto second = RequesterColl::RequesterCollIs(m);
@@ -391,8 +387,7 @@ TEST(IntfViaNexthopMacToNhIndexRequest, GroupFamilyInsertsReplacesAndDeletes) {
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequestDeathTest, AddingNexthopTwiceUnderOneMacAsserts) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   request->addRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1"));
   EXPECT_DEATH(request->addRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1")),
                "Assertion failed: \"!macRequester->requesterCollHas\\( nexthop \\)\" in "
@@ -401,8 +396,7 @@ TEST(IntfViaNexthopMacToNhIndexRequestDeathTest, AddingNexthopTwiceUnderOneMacAs
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequestDeathTest, RemovingFromUnknownMacAsserts) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   EXPECT_DEATH(request->delRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1")),
                "Assertion failed: \"macRequester\" in FwdNexthopNhIndexResolverCommon line "
                "[0-9]+, function void FwdL3Unicast::IntfViaNexthopMacToNhIndexRequest::"
@@ -410,8 +404,7 @@ TEST(IntfViaNexthopMacToNhIndexRequestDeathTest, RemovingFromUnknownMacAsserts) 
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequestDeathTest, RemovingUnknownNexthopAsserts) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   request->addRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1"));
   EXPECT_DEATH(request->delRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.2")),
                "Assertion failed: \"macRequester->requesterCollHas\\( nexthop \\)\" in "
@@ -419,8 +412,7 @@ TEST(IntfViaNexthopMacToNhIndexRequestDeathTest, RemovingUnknownNexthopAsserts) 
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequest, DumpsGroupsAtIndentZeroAndFour) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   request->addRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1"));
   EXPECT_EQ(dump(*request, 0),
             "IntfViaNexthopMacToNhIndexRequest - interface Ethernet1\n"
@@ -441,8 +433,7 @@ TEST(IntfViaNexthopMacToNhIndexRequest, DumpsGroupsAtIndentZeroAndFour) {
 }
 
 TEST(IntfViaNexthopMacToNhIndexRequest, GroupAlreadyDumpedPrintsDuplicateMarker) {
-  auto request =
-      IntfViaNexthopMacToNhIndexRequest::IntfViaNexthopMacToNhIndexRequestIs(intf("Ethernet1"));
+  auto request = intfRequest("Ethernet1");
   request->addRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1"));
   Core::DumpContext ctx;
   ctx.seenIs(request->requesterColl(mac("00:1c:73:aa:bb:cc")).get());

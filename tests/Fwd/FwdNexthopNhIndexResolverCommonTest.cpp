@@ -5,26 +5,14 @@
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
-#include "framework/CoreDump.h"
+#include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::intf;
-using FwdTest::ip;
-using FwdTest::key;
-using FwdTest::mac;
-using FwdTest::nhIntf;
-using FwdTest::recordKeys;
-using FwdTest::vrf;
-
-template <class Entity>
-std::string dump(const Entity& entity, uint32_t indent) {
-  Core::DumpContext ctx;
-  entity.dumpState(ctx, indent);
-  return ctx.text();
-}
+using namespace FwdTest;
+using TestSupport::dump;
 
 TEST(NexthopNhIndexResolverConfigDir, NewKeyPublishesOnceAndPresentKeyNothing) {
   auto dir = nexthopNhIndexResolverConfigDirFactory();

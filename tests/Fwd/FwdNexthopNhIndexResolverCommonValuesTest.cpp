@@ -9,12 +9,7 @@
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::intf;
-using FwdTest::ip;
-using FwdTest::key;
-using FwdTest::mac;
-using FwdTest::nhIntf;
-using FwdTest::vrf;
+using namespace FwdTest;
 
 // Prints a value, parses the text back through the character-range constructor and returns it.
 template <class T>

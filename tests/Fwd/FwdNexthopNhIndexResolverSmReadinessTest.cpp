@@ -11,11 +11,7 @@
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::assertionRegex;
-using FwdTest::ip;
-using FwdTest::key;
-using FwdTest::nhIntf;
-using FwdTest::vrf;
+using namespace FwdTest;
 
 std::string rootText(const std::string& function, const std::string& message) {
   return "void FwdL3Unicast::NexthopNhIndexResolverSm::" + function +
@@ -30,8 +26,8 @@ class ReadinessTest : public ::testing::Test, public FwdTest::ResolverFixture {
   VrfNexthopNhIndexResolverSm::Ptr pipeline(const char* vrfName) {
     return pipelines().sm(vrf(vrfName));
   }
-  // A tracked VRF with a routing status but no L3 status.
-  void trackedWithoutL3Status(const char* vrfName) {
+  // A tracked VRF with a routing status; its pipeline runs once the VRF has an L3 status too.
+  void tracked(const char* vrfName) {
     if (!root) rootIs();
     configDir->configIs(key(vrfName, "10.0.0.1", "Ethernet1"));
     resolver.run();
@@ -40,7 +36,7 @@ class ReadinessTest : public ::testing::Test, public FwdTest::ResolverFixture {
 
 TEST_F(ReadinessTest, PipelineStartsOnceVrfL3StatusArrives) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
-  trackedWithoutL3Status("red");
+  tracked("red");
   ASSERT_TRUE(nexthopStatus->vrfHas(vrf("red")));
   EXPECT_FALSE(pipeline("red"));
   EXPECT_EQ(statusDir->statusCount(), 0u);
@@ -92,9 +88,7 @@ TEST_F(ReadinessTest, LosingVrfL3StatusDropsPipelineAndRegainingRebuildsAllReque
 TEST_F(ReadinessTest, LosingRoutingVrfStatusDropsPipelineUntilItReturns) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   vrfL3StatusIs("red", 1);
-  rootIs();
-  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
-  resolver.run();
+  tracked("red");
   ASSERT_TRUE(pipeline("red"));
 
   TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
@@ -114,9 +108,7 @@ TEST_F(ReadinessTest, LosingRoutingVrfStatusDropsPipelineUntilItReturns) {
 
 TEST_F(ReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {
   vrfL3StatusIs("red", 1);
-  rootIs();
-  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
-  resolver.run();
+  tracked("red");
   const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
   ASSERT_TRUE(running);
 
@@ -131,18 +123,14 @@ TEST_F(ReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {
 TEST_F(ReadinessTest, DefaultVrfUsesRootTableInEveryFecMode) {
   fecModeStatus->fecModeIs(Memtab::Fib::fecModePerVrf());
   vrfL3StatusIs("default", 1);
-  rootIs();
-  configDir->configIs(key("default", "10.0.0.1", "Ethernet1"));
-  resolver.run();
+  tracked("default");
   ASSERT_TRUE(pipeline("default"));
   EXPECT_EQ(pipeline("default")->forwardingGenStatus(), forwardingGenStatus);
 }
 
 TEST_F(ReadinessTest, GlobalFecModeUsesRootTableForEveryVrf) {
   vrfL3StatusIs("red", 1);
-  rootIs();
-  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
-  resolver.run();
+  tracked("red");
   ASSERT_TRUE(pipeline("red"));
   EXPECT_EQ(pipeline("red")->forwardingGenStatus(), forwardingGenStatus);
 }
@@ -190,7 +178,7 @@ TEST_F(ReadinessTest, FailedMountGivesPipelineWithoutTable) {
 }
 
 TEST_F(ReadinessTest, DestroyWithoutPipelineDoesNothingAndTracesNothing) {
-  trackedWithoutL3Status("red");
+  tracked("red");
   TestSupport::TraceCapture trace("*/9");
   root->checkAndDestroyVrfSm(vrf("red"));
   root->checkAndDestroyVrfSm(vrf("unknown"));
@@ -200,8 +188,8 @@ TEST_F(ReadinessTest, DestroyWithoutPipelineDoesNothingAndTracesNothing) {
 }
 
 TEST_F(ReadinessTest, InstantiateWithAPieceMissingDoesNothingAndTracesNothing) {
-  trackedWithoutL3Status("red");  // no L3 status
-  vrfL3StatusIs("blue", 2);       // not registered, no routing status
+  tracked("red");            // no L3 status
+  vrfL3StatusIs("blue", 2);  // not registered, no routing status
   TestSupport::TraceCapture trace("*/9");
   root->checkAndInstantiateVrfSm(vrf("red"));
   root->checkAndInstantiateVrfSm(vrf("blue"));
@@ -211,9 +199,7 @@ TEST_F(ReadinessTest, InstantiateWithAPieceMissingDoesNothingAndTracesNothing) {
 
 TEST_F(ReadinessTest, PipelineCollectionKeepsSameInputsAndRefusesOthers) {
   vrfL3StatusIs("red", 1);
-  rootIs();
-  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
-  resolver.run();
+  tracked("red");
   const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
   ASSERT_TRUE(running);
 
@@ -241,7 +227,7 @@ TEST_F(ReadinessDeathTest, ReadyVrfWithoutRequestsAborts) {
 }
 
 TEST_F(ReadinessDeathTest, ReadyVrfWithoutStatusMapAborts) {
-  trackedWithoutL3Status("red");
+  tracked("red");
   root->allVrfNexthopNhIndexResolverStatusDir()->vrfStatusDel(vrf("red"));
   EXPECT_DEATH(vrfL3StatusIs("red", 1),
                assertionRegex("status", "FwdNexthopNhIndexResolverSm", kInstantiate));
@@ -249,7 +235,7 @@ TEST_F(ReadinessDeathTest, ReadyVrfWithoutStatusMapAborts) {
 
 TEST_F(ReadinessDeathTest, UnknownFecModeAbortsForNonDefaultVrf) {
   fecModeStatus->fecModeIs(3);
-  trackedWithoutL3Status("red");
+  tracked("red");
   EXPECT_DEATH(vrfL3StatusIs("red", 1),
                assertionRegex("fecModeStatus()->fecMode() == Memtab::Fib::fecModePerVrf()",
                               "FwdNexthopNhIndexResolverSm", kInstantiate));
@@ -257,7 +243,7 @@ TEST_F(ReadinessDeathTest, UnknownFecModeAbortsForNonDefaultVrf) {
 
 TEST_F(ReadinessTest, UnknownFecModeIsFineForDefaultVrf) {
   fecModeStatus->fecModeIs(3);
-  trackedWithoutL3Status("default");
+  tracked("default");
   vrfL3StatusIs("default", 1);
   ASSERT_TRUE(pipeline("default"));
   EXPECT_EQ(pipeline("default")->forwardingGenStatus(), forwardingGenStatus);

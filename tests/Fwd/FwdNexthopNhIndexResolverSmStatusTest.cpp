@@ -11,13 +11,7 @@
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::intf;
-using FwdTest::ip;
-using FwdTest::key;
-using FwdTest::mac;
-using FwdTest::nhIntf;
-using FwdTest::recordKeys;
-using FwdTest::vrf;
+using namespace FwdTest;
 
 constexpr const char* kPublish =
     "void FwdL3Unicast::NexthopNhIndexResolverSm::NestedSm_VrfStatus::"

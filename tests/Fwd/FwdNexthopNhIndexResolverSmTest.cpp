@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 #include "framework/CoreDump.h"
+#include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
 #include "support/TraceCapture.h"
@@ -12,12 +14,8 @@
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::assertionRegex;
-using FwdTest::ip;
-using FwdTest::key;
-using FwdTest::nhIntf;
-using FwdTest::recordKeys;
-using FwdTest::vrf;
+using namespace FwdTest;
+using TestSupport::dump;
 
 constexpr const char* kRoot = "void FwdL3Unicast::NexthopNhIndexResolverSm::";
 constexpr const char* kHandleConfigKey =
@@ -30,6 +28,10 @@ std::string rootText(const std::string& function, const std::string& message) {
 std::string handleConfigText(const std::string& message) {
   return std::string(kHandleConfigKey) + ": " + message;
 }
+// The death-test pattern of `expression` failing in handleConfig(key).
+std::string handleConfigAssertion(std::string_view expression) {
+  return assertionRegex(expression, "FwdNexthopNhIndexResolverSm", kHandleConfigKey);
+}
 
 // Index of the first captured line equal to `text`, or -1.
 int lineOf(const TestSupport::TraceCapture& trace, const std::string& text) {
@@ -38,12 +40,6 @@ int lineOf(const TestSupport::TraceCapture& trace, const std::string& text) {
     if (texts[i] == text) return static_cast<int>(i);
   }
   return -1;
-}
-
-std::string dump(const Core::Node& node, uint32_t indent) {
-  Core::DumpContext ctx;
-  node.dumpState(ctx, indent);
-  return ctx.text();
 }
 
 class RootTest : public ::testing::Test, public FwdTest::ResolverFixture {
@@ -358,56 +354,50 @@ class RootDeathTest : public RootTest {};
 TEST_F(RootDeathTest, NonIpv4NexthopAborts) {
   rootIs();
   EXPECT_DEATH(configDir->configIs(key("red", "2001:db8::1", "Ethernet1")),
-               assertionRegex("( key.nexthop().af() == Netval::AddressFamily::ipv4_ ) && ( "
-                              "!key.nexthop().isAddrZero() )",
-                              "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("( key.nexthop().af() == Netval::AddressFamily::ipv4_ ) && ( "
+                                     "!key.nexthop().isAddrZero() )"));
 }
 
 TEST_F(RootDeathTest, ZeroNexthopAborts) {
   rootIs();
   EXPECT_DEATH(configDir->configIs(key("red", "0.0.0.0", "Ethernet1")),
-               assertionRegex("( key.nexthop().af() == Netval::AddressFamily::ipv4_ ) && ( "
-                              "!key.nexthop().isAddrZero() )",
-                              "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("( key.nexthop().af() == Netval::AddressFamily::ipv4_ ) && ( "
+                                     "!key.nexthop().isAddrZero() )"));
 }
 
 TEST_F(RootDeathTest, DuplicateRequestAborts) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   EXPECT_DEATH(root->handleConfig(key("red", "10.0.0.1", "Ethernet1")),
-               assertionRegex("!vrfConfig->configHas( nexthopIntfId )",
-                              "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("!vrfConfig->configHas( nexthopIntfId )"));
 }
 
 TEST_F(RootDeathTest, DeletionForUnknownVrfAborts) {
   rootIs();
   EXPECT_DEATH(root->handleConfig(key("red", "10.0.0.1", "Ethernet1")),
-               assertionRegex("vrfConfig", "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("vrfConfig"));
 }
 
 TEST_F(RootDeathTest, DeletionOfUnknownRequestOfTrackedVrfAborts) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   EXPECT_DEATH(root->handleConfig(key("red", "10.0.0.2", "Ethernet1")),
-               assertionRegex("vrfConfig->configHas( nexthopIntfId )",
-                              "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("vrfConfig->configHas( nexthopIntfId )"));
 }
 
 TEST_F(RootDeathTest, FirstRequestOfVrfWithStatusMapAborts) {
   rootIs();
   vrfMaps().vrfStatusIs(viaNexthopMacToNhIndexMapFactory(vrf("red")));
   EXPECT_DEATH(configDir->configIs(key("red", "10.0.0.1", "Ethernet1")),
-               assertionRegex("!allVrfNexthopNhIndexResolverStatusDir()->vrfStatusHas( "
-                              "key.vrfName() )",
-                              "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("!allVrfNexthopNhIndexResolverStatusDir()->vrfStatusHas( "
+                                     "key.vrfName() )"));
 }
 
 TEST_F(RootDeathTest, FirstRequestOfRegisteredVrfAborts) {
   rootIs();
   nexthopConfig->vrfIs(vrf("red"), Routing::fecIdTypeDefault);
   EXPECT_DEATH(configDir->configIs(key("red", "10.0.0.1", "Ethernet1")),
-               assertionRegex("!nexthopConfig()->vrfHas( key.vrfName() )",
-                              "FwdNexthopNhIndexResolverSm", kHandleConfigKey));
+               handleConfigAssertion("!nexthopConfig()->vrfHas( key.vrfName() )"));
 }
 
 }  // namespace

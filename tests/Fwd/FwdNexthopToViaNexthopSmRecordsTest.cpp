@@ -4,6 +4,7 @@
 
 #include "Fwd/FwdNexthopToViaNexthopSm.h"
 #include "framework/CoreDump.h"
+#include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -11,16 +12,10 @@ namespace {
 using FwdL3Unicast::AllNexthopRequests;
 using FwdL3Unicast::IntfViaInfo;
 using FwdL3Unicast::NexthopRequest;
-using FwdTest::intf;
-using FwdTest::ip;
+using namespace FwdTest;
+using TestSupport::dump;
 
 const Netval::IpGenAddr kEmpty;
-
-std::string dumpOf(const Core::Node& node, uint32_t indent) {
-  Core::DumpContext ctx;
-  node.dumpState(ctx, indent);
-  return ctx.text();
-}
 
 TEST(IntfViaInfo, StartsWithBothAddressesEmpty) {
   IntfViaInfo::Ptr info = IntfViaInfo::IntfViaInfoIs(intf("Ethernet1"));
@@ -33,17 +28,17 @@ TEST(IntfViaInfo, DumpShowsTheChosenViaButNotTheCachedOne) {
   IntfViaInfo::Ptr info = IntfViaInfo::IntfViaInfoIs(intf("Ethernet1"));
   info->viaNexthopIs(ip("10.1.1.2"));
   info->cachedViaNexthopIs(ip("10.1.1.3"));
-  EXPECT_EQ(dumpOf(*info, 2),
+  EXPECT_EQ(dump(*info, 2),
             "  IntfViaInfo - interface Ethernet1\n"
             "    viaNexthop - 10.1.1.2\n");
 }
 
 TEST(IntfViaInfo, DumpShowsNoneForTheEmptyAddressOnly) {
   IntfViaInfo::Ptr info = IntfViaInfo::IntfViaInfoIs(intf("Ethernet1"));
-  EXPECT_EQ(dumpOf(*info, 0), "IntfViaInfo - interface Ethernet1\n  viaNexthop - none\n");
+  EXPECT_EQ(dump(*info, 0), "IntfViaInfo - interface Ethernet1\n  viaNexthop - none\n");
   // 0.0.0.0 is an address, not the absence of one.
   info->viaNexthopIs(ip("0.0.0.0"));
-  EXPECT_EQ(dumpOf(*info, 0), "IntfViaInfo - interface Ethernet1\n  viaNexthop - 0.0.0.0\n");
+  EXPECT_EQ(dump(*info, 0), "IntfViaInfo - interface Ethernet1\n  viaNexthop - 0.0.0.0\n");
 }
 
 TEST(NexthopRequest, AddIntfIdOnRecordedInterfaceKeepsOneEntryAndResetsItsVia) {
@@ -100,7 +95,7 @@ TEST(NexthopRequest, IntfViaInfoIsReturnsTheExistingRecordUnchanged) {
 TEST(NexthopRequest, DumpOfOneInterfaceWithoutViaAtIndentZeroGivesFourLines) {
   NexthopRequest::Ptr request = NexthopRequest::NexthopRequestIs(ip("10.0.0.1"));
   request->addIntfId(intf("Ethernet1"));
-  EXPECT_EQ(dumpOf(*request, 0),
+  EXPECT_EQ(dump(*request, 0),
             "NexthopRequest - nexthop 10.0.0.1\n"
             "  intfViaInfo: #1\n"
             "    IntfViaInfo - interface Ethernet1\n"
@@ -111,7 +106,7 @@ TEST(NexthopRequest, DumpAtIndentPrefixesEveryLine) {
   NexthopRequest::Ptr request = NexthopRequest::NexthopRequestIs(ip("10.0.0.1"));
   request->addIntfId(intf("Ethernet1"));
   request->intfViaInfo(intf("Ethernet1"))->viaNexthopIs(ip("10.1.1.2"));
-  EXPECT_EQ(dumpOf(*request, 4),
+  EXPECT_EQ(dump(*request, 4),
             "    NexthopRequest - nexthop 10.0.0.1\n"
             "      intfViaInfo: #1\n"
             "        IntfViaInfo - interface Ethernet1\n"

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,7 +8,9 @@
 #include "Fwd/FwdViaNexthopToViaNexthopMacSm.h"
 #include "framework/CoreDump.h"
 #include "platform/Plane.h"
+#include "support/DumpText.h"
 #include "support/FwdTestValues.h"
+#include "support/ResolverFixture.h"
 #include "support/TraceCapture.h"
 
 namespace {
@@ -17,14 +18,10 @@ namespace {
 using namespace FwdL3Unicast;
 using Arp::ProactiveArp::ClientConfig;
 using Arp::ProactiveArp::ClientEntry;
-using FwdTest::intf;
-using FwdTest::ip;
-using FwdTest::mac;
-using FwdTest::nhIntf;
-using FwdTest::recordKeys;
-using FwdTest::vrf;
+using namespace FwdTest;
 using Plane::NextHopInfo;
 using Plane::NextHopKey;
+using TestSupport::dump;
 
 const std::string kFn = "void FwdL3Unicast::ViaNexthopToViaNexthopMacSm::";
 const std::string kInitialized = kFn + "handleInitialized(): ";
@@ -61,23 +58,6 @@ ClientEntry arpEntry(std::string_view via, Vrf::VrfIdMap::VrfId arpVrfId = kRedA
 NexthopToViaNexthopMacMapEntry output(std::string_view nexthop, std::string_view via,
                                       std::string_view macText) {
   return NexthopToViaNexthopMacMapEntry(nhIntf(nexthop, kIntf), ip(via), mac(macText));
-}
-
-// An assertion's message as a death-test pattern: the text with its regex characters escaped.
-std::string literal(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    if (std::strchr("\\^$.|?*+()[]{}", c)) out.push_back('\\');
-    out.push_back(c);
-  }
-  return out;
-}
-
-std::string assertionPattern(std::string_view expression, std::string_view unit,
-                             std::string_view function) {
-  return literal("Assertion failed: \"" + std::string(expression) + "\" in " + std::string(unit) +
-                 " line ") +
-         "[0-9]+" + literal(", function " + std::string(function));
 }
 
 // The host around the stages: VRF L3 status, the neighbour table, proactive ARP. Like the root's
@@ -154,12 +134,6 @@ struct Stage {
     return sm->allViaNexthopRequests()->viaNexthopRequest(nhIntf(via, kIntf));
   }
 };
-
-std::string dump(const Core::Node& node, uint32_t indent) {
-  Core::DumpContext ctx;
-  node.dumpState(ctx, indent);
-  return ctx.text();
-}
 
 // ---- Construction and initialisation
 
@@ -719,8 +693,8 @@ TEST(ViaNexthopToViaNexthopMacSmDeathTest, VrfWithoutPlaneIdAsserts) {
   auto macMap = nexthopToViaNexthopMacMapFactory();
   EXPECT_DEATH(viaNexthopToViaNexthopMacSmFactory(vrf("red"), viaMap, host.neighbours,
                                                   host.vrfStatusAll, host.proactiveArp, macMap),
-               assertionPattern("vrfStatusAll()->vrfIdHas( vrfName() )",
-                                "FwdViaNexthopToViaNexthopMacSm", kFn + "handleInitialized()"));
+               assertionRegex("vrfStatusAll()->vrfIdHas( vrfName() )",
+                              "FwdViaNexthopToViaNexthopMacSm", kFn + "handleInitialized()"));
 }
 
 TEST(ViaNexthopToViaNexthopMacSmDeathTest, DeleteForUntrackedViaAsserts) {
@@ -731,10 +705,9 @@ TEST(ViaNexthopToViaNexthopMacSmDeathTest, DeleteForUntrackedViaAsserts) {
   red.sm->hasNotificationActiveIs(false);
   red.viaIs("10.0.0.1", kViaA);
   red.sm->hasNotificationActiveIs(true);
-  EXPECT_DEATH(
-      red.viaDel("10.0.0.1"),
-      assertionPattern("viaNexthopRequest", "FwdViaNexthopToViaNexthopMacSm",
-                       kFn + "handleDel(const FwdL3Unicast::NexthopToViaNexthopMapEntry&)"));
+  EXPECT_DEATH(red.viaDel("10.0.0.1"),
+               assertionRegex("viaNexthopRequest", "FwdViaNexthopToViaNexthopMacSm",
+                              kFn + "handleDel(const FwdL3Unicast::NexthopToViaNexthopMapEntry&)"));
 }
 
 TEST(ViaNexthopToViaNexthopMacSmDeathTest, AddingARequesterTwiceAsserts) {
@@ -743,8 +716,8 @@ TEST(ViaNexthopToViaNexthopMacSmDeathTest, AddingARequesterTwiceAsserts) {
   red.start();
   red.viaIs("10.0.0.1", kViaA);
   EXPECT_DEATH(red.sm->handleAdd(red.viaMap->map(nhIntf("10.0.0.1", kIntf))),
-               assertionPattern("!requesterCollHas( nexthop )", "FwdNexthopNhIndexResolverCommon",
-                                "void FwdL3Unicast::ViaNexthopRequest::addRequester"));
+               assertionRegex("!requesterCollHas( nexthop )", "FwdNexthopNhIndexResolverCommon",
+                              "void FwdL3Unicast::ViaNexthopRequest::addRequester"));
 }
 
 TEST(ViaNexthopToViaNexthopMacSmDeathTest, RemovingAnAbsentRequesterAsserts) {
@@ -753,8 +726,8 @@ TEST(ViaNexthopToViaNexthopMacSmDeathTest, RemovingAnAbsentRequesterAsserts) {
   red.start();
   red.viaIs("10.0.0.1", kViaA);
   EXPECT_DEATH(red.sm->handleDel(NexthopToViaNexthopMapEntry(nhIntf("10.0.0.2", kIntf), ip(kViaA))),
-               assertionPattern("requesterCollHas( nexthop )", "FwdNexthopNhIndexResolverCommon",
-                                "void FwdL3Unicast::ViaNexthopRequest::delRequester"));
+               assertionRegex("requesterCollHas( nexthop )", "FwdNexthopNhIndexResolverCommon",
+                              "void FwdL3Unicast::ViaNexthopRequest::delRequester"));
 }
 
 TEST(ViaNexthopToViaNexthopMacSmDeathTest, EmptyRequestAsserts) {
@@ -762,11 +735,11 @@ TEST(ViaNexthopToViaNexthopMacSmDeathTest, EmptyRequestAsserts) {
   Stage red(host);
   red.start();
   EXPECT_DEATH(red.sm->checkAndUpdateMac(nullptr),
-               assertionPattern("request", "FwdViaNexthopToViaNexthopMacSm",
-                                kFn + "checkAndUpdateMac(const Ptr&)"));
+               assertionRegex("request", "FwdViaNexthopToViaNexthopMacSm",
+                              kFn + "checkAndUpdateMac(const Ptr&)"));
   EXPECT_DEATH(red.sm->updateStatus(nullptr, mac(kMac1)),
-               assertionPattern("request", "FwdViaNexthopToViaNexthopMacSm",
-                                kFn + "updateStatus(const Ptr&, const Netval::EthAddr&)"));
+               assertionRegex("request", "FwdViaNexthopToViaNexthopMacSm",
+                              kFn + "updateStatus(const Ptr&, const Netval::EthAddr&)"));
 }
 
 }  // namespace

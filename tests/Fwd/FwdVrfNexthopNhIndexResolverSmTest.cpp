@@ -7,6 +7,7 @@
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 #include "Fwd/FwdVrfNexthopNhIndexResolverSm.h"
 #include "framework/CoreDump.h"
+#include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
 #include "support/TraceCapture.h"
@@ -14,14 +15,8 @@
 namespace {
 
 using namespace FwdL3Unicast;
-using FwdTest::assertionRegex;
-using FwdTest::intf;
-using FwdTest::ip;
-using FwdTest::key;
-using FwdTest::mac;
-using FwdTest::nhIntf;
-using FwdTest::recordKeys;
-using FwdTest::vrf;
+using namespace FwdTest;
+using TestSupport::dump;
 
 constexpr const char* kHandleInitialized =
     "void FwdL3Unicast::VrfNexthopNhIndexResolverSm::handleInitialized()";
@@ -35,12 +30,6 @@ int firstLineStartingWith(const TestSupport::TraceCapture& trace, std::string_vi
     if (std::string_view(texts[i]).substr(0, prefix.size()) == prefix) return static_cast<int>(i);
   }
   return -1;
-}
-
-std::string dump(const Core::Node& node, uint32_t indent) {
-  Core::DumpContext ctx;
-  node.dumpState(ctx, indent);
-  return ctx.text();
 }
 
 // One VRF's pipeline built directly from the host's state, as the root would build it.

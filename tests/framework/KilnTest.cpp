@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -380,6 +381,41 @@ TEST(KilnArray, ComparesOnlyCountedElements) {
   EXPECT_NE(a, b);
   EXPECT_LT(a, b);
   EXPECT_NE(a.hash(3), b.hash(3));
+}
+
+// The message of the RangeError that `raise` throws.
+std::string rangeError(void (*raise)()) {
+  try {
+    raise();
+  } catch (const Kiln::RangeError& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+// The bound errors are public so that a type storing an array its own way fails like Array.
+TEST(KilnArray, PublicBoundErrorsCarryTheArrayTexts) {
+  EXPECT_EQ(rangeError(Kiln::throwArrayCountTooLarge),
+            "Kiln::Array::count > maxCount() not allowed");
+  EXPECT_EQ(rangeError(Kiln::throwArrayIndexOutOfRange),
+            "Kiln::Array::index >= count() not allowed");
+  EXPECT_EQ(rangeError(Kiln::throwStringTooLong), "Kiln::String::bytes > maxLength() not allowed");
+}
+
+TEST(KilnArray, PrintListOfAVectorReadsLikeTheArray) {
+  Kiln::Array<Inner, 3> array;
+  array.push(Inner("a", 1));
+  array.push(Inner("b", -2));
+  const std::vector<Inner> vector(array.begin(), array.end());
+  std::ostringstream fromArray;
+  std::ostringstream fromVector;
+  Kiln::printList(fromArray, array);
+  Kiln::printList(fromVector, vector);
+  EXPECT_EQ(fromVector.str(), "[{label=\"a\", level=1}, {label=\"b\", level=-2}]");
+  EXPECT_EQ(fromVector.str(), fromArray.str());
+  std::ostringstream empty;
+  Kiln::printList(empty, std::vector<int>{});
+  EXPECT_EQ(empty.str(), "[]");
 }
 
 TEST(KilnToText, PrintsAnyPrintableValue) {

@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "framework/Core.h"
 #include "framework/CoreDump.h"
-#include "support/FwdTestValues.h"
+#include "support/ChangeRecorder.h"
+#include "support/LiveCountTest.h"
 
 namespace {
 
@@ -23,60 +23,15 @@ using ::testing::UnorderedElementsAre;
 
 using MacEntry = Core::MapEntry<uint32_t, EthAddr>;
 
-// A change as a watcher of one attribute sees it: the key and the notification values that the
-// publication anchors (an empty optional for an absent value).
-template <class Key, class Member>
-struct Change {
-  Key key;
-  std::optional<Member> oldValue;
-  std::optional<Member> newValue;
-};
-
-// Records every change of `attr` on `node` with its notification values.
-template <class Key, class Member>
-class ChangeLog {
- public:
-  ChangeLog(const Core::Node& node, Core::AttrId attr)
-      : recorder_(FwdTest::recordKeys<Key>(&node, attr)) {
-    recorder_->onChange = [this, &node, attr](const Key& key) {
-      auto values = Core::getNotifyValues<Member>(&node, attr);
-      EXPECT_TRUE(values.present);
-      Change<Key, Member> change{key, std::nullopt, std::nullopt};
-      if (values.oldValue) change.oldValue = *values.oldValue;
-      if (values.newValue) change.newValue = *values.newValue;
-      changes_.push_back(change);
-    };
-  }
-  // The recorder's callback points back at this log.
-  ChangeLog(const ChangeLog&) = delete;
-  ChangeLog& operator=(const ChangeLog&) = delete;
-
-  const std::vector<Change<Key, Member>>& changes() const { return changes_; }
-  const std::vector<Key>& keys() const { return recorder_->keys; }
-
- private:
-  Core::Ptr<FwdTest::KeyRecorder<Key>> recorder_;
-  std::vector<Change<Key, Member>> changes_;
-};
-
-using MacRecorder = ChangeLog<uint32_t, MacEntry>;
-using ModRecorder = ChangeLog<IntfId, NextHopMod::Ptr>;
-
-// Fails the test if any entity created in its scope outlives it.
-class LiveCountTest : public ::testing::Test {
- protected:
-  ~LiveCountTest() override { EXPECT_EQ(Core::Node::liveCount(), liveAtStart_); }
-
- private:
-  int64_t liveAtStart_ = Core::Node::liveCount();
-};
+using MacRecorder = TestSupport::ChangeRecorder<uint32_t, MacEntry>;
+using ModRecorder = TestSupport::ChangeRecorder<IntfId, NextHopMod::Ptr>;
 
 const IntfId kEt1("Ethernet1");
 const IntfId kEt2("Ethernet2");
 const EthAddr kMacA("00:1c:73:00:00:0a");
 const EthAddr kMacB("00:1c:73:00:00:0b");
 
-class NextHopModTest : public LiveCountTest {
+class NextHopModTest : public TestSupport::LiveCountTest {
  protected:
   NextHopMod::Ptr mod = NextHopMod::NextHopModIs(kEt1);
 };
@@ -100,7 +55,7 @@ TEST_F(NextHopModTest, EqualInsertPublishesNothing) {
 
   EXPECT_FALSE(mod->nhIndexToMacIs(5, kMacA));
 
-  EXPECT_THAT(recorder.changes(), IsEmpty());
+  EXPECT_THAT(recorder.changes, IsEmpty());
 }
 
 TEST_F(NextHopModTest, DeleteOfAbsentIndexPublishesNothing) {
@@ -109,7 +64,7 @@ TEST_F(NextHopModTest, DeleteOfAbsentIndexPublishesNothing) {
 
   EXPECT_FALSE(mod->nhIndexToMacDel(6));
 
-  EXPECT_THAT(recorder.changes(), IsEmpty());
+  EXPECT_THAT(recorder.changes, IsEmpty());
   EXPECT_TRUE(mod->nhIndexToMacHas(5));
 }
 
@@ -137,8 +92,8 @@ TEST_F(NextHopModTest, MacChangeCarriesOldAndNewMac) {
 
   mod->nhIndexToMacIs(5, kMacB);
 
-  ASSERT_EQ(recorder.changes().size(), 1u);
-  const auto& change = recorder.changes().front();
+  ASSERT_EQ(recorder.changes.size(), 1u);
+  const auto& change = recorder.changes.front();
   ASSERT_TRUE(change.oldValue.has_value());
   ASSERT_TRUE(change.newValue.has_value());
   EXPECT_EQ(*change.oldValue, (MacEntry{5, kMacA}));
@@ -151,8 +106,8 @@ TEST_F(NextHopModTest, DeleteCarriesOnlyTheOldMac) {
 
   mod->nhIndexToMacDel(5);
 
-  ASSERT_EQ(recorder.changes().size(), 1u);
-  const auto& change = recorder.changes().front();
+  ASSERT_EQ(recorder.changes.size(), 1u);
+  const auto& change = recorder.changes.front();
   ASSERT_TRUE(change.oldValue.has_value());
   EXPECT_EQ(*change.oldValue, (MacEntry{5, kMacA}));
   EXPECT_FALSE(change.newValue.has_value());
@@ -163,8 +118,8 @@ TEST_F(NextHopModTest, InsertCarriesOnlyTheNewMac) {
 
   mod->nhIndexToMacIs(5, kMacA);
 
-  ASSERT_EQ(recorder.changes().size(), 1u);
-  const auto& change = recorder.changes().front();
+  ASSERT_EQ(recorder.changes.size(), 1u);
+  const auto& change = recorder.changes.front();
   EXPECT_FALSE(change.oldValue.has_value());
   ASSERT_TRUE(change.newValue.has_value());
   EXPECT_EQ(*change.newValue, (MacEntry{5, kMacA}));
@@ -204,7 +159,7 @@ TEST_F(NextHopModTest, DumpListsTheTable) {
             "    5 -> 00:1c:73:00:00:0a\n");
 }
 
-class L3ModulesTest : public LiveCountTest {
+class L3ModulesTest : public TestSupport::LiveCountTest {
  protected:
   L3Modules::Ptr modules = L3Modules::L3ModulesIs();
   NextHopMod::Ptr et1 = NextHopMod::NextHopModIs(kEt1);
@@ -229,9 +184,9 @@ TEST_F(L3ModulesTest, InsertCarriesTheNewModuleOnly) {
 
   modules->nextHopModIs(et1);
 
-  ASSERT_EQ(recorder.changes().size(), 1u);
-  EXPECT_FALSE(recorder.changes().front().oldValue.has_value());
-  EXPECT_EQ(recorder.changes().front().newValue, et1);
+  ASSERT_EQ(recorder.changes.size(), 1u);
+  EXPECT_FALSE(recorder.changes.front().oldValue.has_value());
+  EXPECT_EQ(recorder.changes.front().newValue, et1);
 }
 
 TEST_F(L3ModulesTest, ReinsertingTheSameModuleIsANoOp) {
@@ -240,7 +195,7 @@ TEST_F(L3ModulesTest, ReinsertingTheSameModuleIsANoOp) {
 
   EXPECT_EQ(modules->nextHopModIs(et1), et1);
 
-  EXPECT_THAT(recorder.changes(), IsEmpty());
+  EXPECT_THAT(recorder.changes, IsEmpty());
   EXPECT_EQ(modules->nextHopModCount(), 1u);
 }
 
@@ -265,10 +220,10 @@ TEST_F(L3ModulesTest, DeletePublishesTheOldModuleAndDeleteOfAbsentPublishesNothi
   EXPECT_FALSE(modules->nextHopModDel(kEt1));
   EXPECT_FALSE(modules->nextHopModDel(kEt2));
 
-  ASSERT_EQ(recorder.changes().size(), 1u);
-  EXPECT_EQ(recorder.changes().front().key, kEt1);
-  EXPECT_EQ(recorder.changes().front().oldValue, et1);
-  EXPECT_FALSE(recorder.changes().front().newValue.has_value());
+  ASSERT_EQ(recorder.changes.size(), 1u);
+  EXPECT_EQ(recorder.changes.front().key, kEt1);
+  EXPECT_EQ(recorder.changes.front().oldValue, et1);
+  EXPECT_FALSE(recorder.changes.front().newValue.has_value());
   EXPECT_EQ(modules->nextHopMod(kEt1), nullptr);
 }
 

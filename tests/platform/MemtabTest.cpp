@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "framework/CoreDump.h"
+#include "support/ChangeRecorder.h"
 
 namespace {
 
@@ -21,41 +21,8 @@ using Memtab::FibGen::Via;
 using Netval::IntfId;
 using Netval::IpGenAddr;
 
-// Records every publication of one attribute of an entity, with the notification values anchored
-// at that moment (copied, since they only live for the publication).
-template <class Key, class Member>
-struct ChangeRecorder : Core::Subscriber {
-  struct Change {
-    Key key;
-    std::optional<Member> oldValue;
-    std::optional<Member> newValue;
-  };
-
-  ChangeRecorder(const Core::Node& node, Core::AttrId attr)
-      : Subscriber(&ChangeRecorder::record), node_(&node), attr_(attr) {
-    subscribe(node.publisher());
-  }
-
-  static void record(Core::Subscriber& subscriber, Core::AttrId attr, const void* key) {
-    auto& self = static_cast<ChangeRecorder&>(subscriber);
-    EXPECT_EQ(attr, self.attr_);
-    const auto values = Core::getNotifyValues<Member>(self.node_, attr);
-    EXPECT_TRUE(values.present);
-    self.changes.push_back(
-        {*static_cast<const Key*>(key), copyOf(values.oldValue), copyOf(values.newValue)});
-  }
-
-  static std::optional<Member> copyOf(const Member* value) {
-    return value ? std::optional<Member>(*value) : std::nullopt;
-  }
-
-  const Core::Node* node_;
-  Core::AttrId attr_;
-  std::vector<Change> changes;
-};
-
-using FecRecorder = ChangeRecorder<FecId, Fec>;
-using FecModeRecorder = ChangeRecorder<Memtab::Fib::FecMode, Memtab::Fib::FecMode>;
+using FecRecorder = TestSupport::ChangeRecorder<FecId, Fec>;
+using FecModeRecorder = TestSupport::ChangeRecorder<Memtab::Fib::FecMode, Memtab::Fib::FecMode>;
 
 Via via(const char* intf, const char* hop) { return Via(IntfId(intf), IpGenAddr(hop)); }
 

@@ -11,6 +11,7 @@
 #include "framework/CoreDump.h"
 #include "framework/Kiln.h"
 #include "support/FwdTestValues.h"
+#include "support/LiveCountTest.h"
 
 namespace {
 
@@ -30,15 +31,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-// Fails the test if any entity created in its scope outlives it.
-class LiveCountTest : public ::testing::Test {
- protected:
-  ~LiveCountTest() override { EXPECT_EQ(Core::Node::liveCount(), liveAtStart_); }
-
- private:
-  int64_t liveAtStart_ = Core::Node::liveCount();
-};
-
 const IntfId kEt1("Ethernet1");
 const IntfId kEt2("Ethernet2");
 const NextHopKey kNeighbourA(kEt1, IpGenAddr("10.0.0.254"));
@@ -46,7 +38,7 @@ const NextHopKey kNeighbourB(kEt2, IpGenAddr("10.0.1.254"));
 const NextHopInfo kResolvedA(IntfId("Ethernet1"), EthAddr("00:1c:73:00:00:01"));
 const NextHopInfo kMovedA(IntfId("Ethernet1"), EthAddr("00:1c:73:00:00:02"));
 
-class NextHopInfoWrapperTest : public LiveCountTest {};
+class NextHopInfoWrapperTest : public TestSupport::LiveCountTest {};
 
 TEST_F(NextHopInfoWrapperTest, PublishesOnceForEachInsertChangeAndDelete) {
   auto wrapper = NextHopInfoWrapper::NextHopInfoWrapperIs();
@@ -138,7 +130,7 @@ TEST_F(NextHopInfoWrapperTest, DumpListsEveryNeighbour) {
             "{l2Intf=Ethernet1, ethAddr=00:1c:73:00:00:01}\n");
 }
 
-class VrfL3StatusAllTest : public LiveCountTest {};
+class VrfL3StatusAllTest : public TestSupport::LiveCountTest {};
 
 const L3::VrfName kRed("red");
 const L3::VrfName kBlue("blue");
@@ -225,7 +217,7 @@ TEST_F(VrfL3StatusAllTest, DumpListsStatusesAndIds) {
             "      red -> 5\n");
 }
 
-class ProactiveArpTest : public LiveCountTest {
+class ProactiveArpTest : public TestSupport::LiveCountTest {
  protected:
   ClientConfig::Ptr config = ClientConfig::ClientConfigIs();
 };

@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <optional>
 #include <set>
 #include <vector>
 
 #include "framework/CoreDump.h"
+#include "support/ChangeRecorder.h"
 
 namespace {
 
@@ -27,53 +26,11 @@ using Routing::NexthopStatusEntry;
 using Routing::NexthopVrfConfig;
 using Routing::NexthopVrfStatus;
 
-// Records every publication of one attribute of an entity, with the notification values anchored
-// at that moment (copied, since they only live for the publication). `onChange` runs inside the
-// publication, as a client's handler would.
-template <class Key, class Member>
-struct ChangeRecorder : Core::Subscriber {
-  struct Change {
-    Key key;
-    std::optional<Member> oldValue;
-    std::optional<Member> newValue;
-  };
-
-  ChangeRecorder(const Core::Node& node, Core::AttrId attr)
-      : Subscriber(&ChangeRecorder::record), node_(&node), attr_(attr) {
-    subscribe(node.publisher());
-  }
-
-  static void record(Core::Subscriber& subscriber, Core::AttrId attr, const void* key) {
-    auto& self = static_cast<ChangeRecorder&>(subscriber);
-    EXPECT_EQ(attr, self.attr_);
-    const auto values = Core::getNotifyValues<Member>(self.node_, attr);
-    EXPECT_TRUE(values.present);
-    const Key& changed = *static_cast<const Key*>(key);
-    self.changes.push_back({changed, copyOf(values.oldValue), copyOf(values.newValue)});
-    if (self.onChange) self.onChange(changed);
-  }
-
-  static std::optional<Member> copyOf(const Member* value) {
-    return value ? std::optional<Member>(*value) : std::nullopt;
-  }
-
-  std::vector<Key> keys() const {
-    std::vector<Key> out;
-    for (const Change& change : changes) out.push_back(change.key);
-    return out;
-  }
-
-  const Core::Node* node_;
-  Core::AttrId attr_;
-  std::vector<Change> changes;
-  std::function<void(const Key&)> onChange;
-};
-
-using AddrRecorder = ChangeRecorder<IpGenAddr, IpGenAddr>;
-using ConfigEntryRecorder = ChangeRecorder<IpGenAddr, NexthopConfigEntry>;
-using StatusEntryRecorder = ChangeRecorder<IpGenAddr, NexthopStatusEntry>;
-using VrfConfigRecorder = ChangeRecorder<L3::VrfName, NexthopVrfConfig::Ptr>;
-using VrfStatusRecorder = ChangeRecorder<L3::VrfName, NexthopVrfStatus::Ptr>;
+using AddrRecorder = TestSupport::ChangeRecorder<IpGenAddr, IpGenAddr>;
+using ConfigEntryRecorder = TestSupport::ChangeRecorder<IpGenAddr, NexthopConfigEntry>;
+using StatusEntryRecorder = TestSupport::ChangeRecorder<IpGenAddr, NexthopStatusEntry>;
+using VrfConfigRecorder = TestSupport::ChangeRecorder<L3::VrfName, NexthopVrfConfig::Ptr>;
+using VrfStatusRecorder = TestSupport::ChangeRecorder<L3::VrfName, NexthopVrfStatus::Ptr>;
 
 IpGenAddr addr(const char* text) { return IpGenAddr(text); }
 
