@@ -204,14 +204,18 @@ void NexthopToViaNexthopSm::handleNexthopStatus(const Netval::IpGenAddr& addr) {
   reviewNexthopRequest(request);
 }
 
-Memtab::FibGen::Fec NexthopToViaNexthopSm::fecCopy(Memtab::Fib::FecId fecId) const {
+void NexthopToViaNexthopSm::fecCopy(Memtab::Fib::FecId fecId) {
+  static const Memtab::FibGen::Fec viaLess;
   // A failed mount upstream leaves no table: it reads as a table without FECs.
-  if (!forwardingGenStatus_) return Memtab::FibGen::Fec();
+  if (!forwardingGenStatus_) {
+    fec_ = viaLess;
+    return;
+  }
   try {
-    return forwardingGenStatus_->fec(fecId);
+    forwardingGenStatus_->fecInto(fecId, fec_);
   } catch (const Memtab::FibGen::CorruptionError& error) {
     forwardingGenStatus_->doCorruptionDetected(error.what());
-    return Memtab::FibGen::Fec();
+    fec_ = viaLess;
   }
 }
 
@@ -222,7 +226,8 @@ void NexthopToViaNexthopSm::reviewNexthopRequest(const Core::Ptr<NexthopRequest>
       nexthopVrfStatus_ ? nexthopVrfStatus_->nexthopFind(nh) : nullptr;
   if (entry) {
     const Memtab::Fib::FecId fecId = entry->fecId();
-    const Memtab::FibGen::Fec fec = fecCopy(fecId);
+    fecCopy(fecId);
+    const Memtab::FibGen::Fec& fec = fec_;
     const size_t viaCount = fec.viaCount();
     DUALLOG_TRACE(8, "Addr resolved for ", nh, " fec id: ", fecId, " number of via: ", viaCount);
     for (uint32_t i = 0; i < viaCount; ++i) {

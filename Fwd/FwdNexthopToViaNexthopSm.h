@@ -216,9 +216,9 @@ class NexthopToViaNexthopSm : public Core::Reactor {
 
   // The backlog slot's handler: any change of the backlog starts a drain.
   void handleBacklogChange(const Netval::IpGenAddr&) { handleNexthopBacklog(); }
-  // A copy of the FEC, or the via-less default FEC when the table is absent or its read is
+  // Copies the FEC into fec_, or the via-less default FEC when the table is absent or its read is
   // corrupt (reported to the table).
-  Memtab::FibGen::Fec fecCopy(Memtab::Fib::FecId fecId) const;
+  void fecCopy(Memtab::Fib::FecId fecId);
 
   L3::VrfName vrfName_;
   Core::Ptr<const NexthopIntfIdColl> config_;
@@ -230,6 +230,9 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   Core::Ptr<Routing::NexthopBacklog> nexthopBacklog_;
   Core::Ptr<Routing::FibMonitorHelperSm> fibMonitorHelperSm_;
   Core::Ptr<AllNexthopRequests> allNexthopRequests_;
+  // The FEC of the review under way, kept between reviews so that each copy reuses its storage.
+  // Read only before the review publishes, so a nested review may overwrite it.
+  Memtab::FibGen::Fec fec_;
 
   Core::Slot<NexthopToViaNexthopSm, NexthopIntfId,
              static_cast<void (NexthopToViaNexthopSm::*)(const NexthopIntfId&)>(

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <memory>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -111,9 +111,9 @@ class Node {
     }
   }
   void unref() const {
-    uint32_t left = threadSafe()
-                        ? std::atomic_ref<uint32_t>(refs_).fetch_sub(1, std::memory_order_acq_rel) - 1
-                        : --refs_;
+    uint32_t left =
+        threadSafe() ? std::atomic_ref<uint32_t>(refs_).fetch_sub(1, std::memory_order_acq_rel) - 1
+                     : --refs_;
     if (left == 0) destroy();
   }
   uint32_t useCount() const { return refs_; }
@@ -137,8 +137,9 @@ class Node {
   static constexpr uint32_t kDestroying = 0x40000000u;
   void destroy() const;
 
-  mutable uint32_t refs_ = 0;
+  // The count last: an entity's own members may then fill the padding after it.
   mutable Publisher publisher_;
+  mutable uint32_t refs_ = 0;
 };
 
 // Holds a node alive for a scope if somebody already holds it (not during its constructor or
@@ -171,11 +172,10 @@ class Ptr {
   Ptr(const Ptr& o) : Ptr(o.p_) {}
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& o) : Ptr(o.get()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& o) : Ptr(o.get()) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& o)
+  noexcept : p_(o.release()) {}
   ~Ptr() {
     if (p_) p_->unref();
   }

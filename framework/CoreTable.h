@@ -19,8 +19,8 @@ consteval uint32_t keySeed() {
 }
 
 // Open-addressing hash table with linear probing over a separate byte of control data per slot
-// (empty, deleted, or seven bits of the key's hash). Erasing leaves a tombstone and never moves
-// another member, so a position stays valid while members are erased around it.
+// (empty, deleted, or seven bits of the key's hash). Erasing never moves another member, so a
+// position stays valid while members are erased around it.
 // Inserting may grow or rebuild the table: it invalidates pointers to members and the positions
 // of iterations under way (such an iteration stays memory-safe but may skip or repeat members).
 template <class Key, class Slot, class KeyOf>
@@ -39,8 +39,10 @@ class HashTable {
     if (size_ == 0) return nullptr;
     const uint32_t h = hashOf(key, kSeed);
     const uint8_t tag = tagOf(h);
+    const uint8_t* ctrl = this->ctrl();
+    prefetchHome(h);
     for (size_t i = h & mask();; i = (i + 1) & mask()) {
-      const uint8_t c = ctrl_[i];
+      const uint8_t c = ctrl[i];
       if (c == kEmpty) return nullptr;
       if (c == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
     }
@@ -49,25 +51,38 @@ class HashTable {
   // Inserts a member whose key is not present (checked by the caller).
   template <class... Args>
   Slot* emplaceNew(Args&&... args) {
-    if ((size_ + tombstones_ + 1) * 4 > capacity_ * 3) rebuild();
+    if ((size_t{size_} + tombstones_ + 1) * 4 > size_t{capacity_} * 3) rebuild();
     // Build first: the key is read from the member itself.
     Slot value(std::forward<Args>(args)...);
     const uint32_t h = hashOf(KeyOf()(value), kSeed);
+    uint8_t* ctrl = this->ctrl();
+    prefetchHome(h);
     size_t i = h & mask();
-    while (ctrl_[i] < kTombstone) i = (i + 1) & mask();
-    if (ctrl_[i] == kTombstone) --tombstones_;
-    ctrl_[i] = tagOf(h);
+    while (ctrl[i] < kTombstone) i = (i + 1) & mask();
+    if (ctrl[i] == kTombstone) --tombstones_;
+    ctrl[i] = tagOf(h);
     ++size_;
     return new (&slots_[i]) Slot(std::move(value));
   }
 
-  // Destroys the member; its position becomes a tombstone.
+  // Destroys the member. Its position becomes a tombstone, or empty when the next position is
+  // empty (no probe runs on through it), and then so do the tombstones right before it: a table
+  // that members pass through one at a time (a queue) never fills up with tombstones and rebuilds.
   void erase(Slot* slot) {
     const size_t i = static_cast<size_t>(slot - slots_);
-    CORE_ASSERT(i < capacity_ && ctrl_[i] < kTombstone);
-    ctrl_[i] = kTombstone;
-    ++tombstones_;
+    uint8_t* ctrl = this->ctrl();
+    CORE_ASSERT(i < capacity_ && ctrl[i] < kTombstone);
     --size_;
+    if (ctrl[(i + 1) & mask()] != kEmpty) {
+      ctrl[i] = kTombstone;
+      ++tombstones_;
+    } else {
+      ctrl[i] = kEmpty;
+      for (size_t j = (i - 1) & mask(); ctrl[j] == kTombstone; j = (j - 1) & mask()) {
+        ctrl[j] = kEmpty;
+        --tombstones_;
+      }
+    }
     slot->~Slot();
   }
 
@@ -76,7 +91,8 @@ class HashTable {
 
   // Position of the first member at or after `from`, or capacity() when there is none.
   size_t nextOccupied(size_t from) const {
-    while (from < capacity_ && ctrl_[from] >= kTombstone) ++from;
+    const uint8_t* ctrl = this->ctrl();
+    while (from < capacity_ && ctrl[from] >= kTombstone) ++from;
     return from < capacity_ ? from : capacity_;
   }
   Slot& at(size_t position) const { return slots_[position]; }
@@ -90,12 +106,23 @@ class HashTable {
 
   static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> 25); }
   size_t mask() const { return capacity_ - 1; }
+  // The control bytes follow the members in the same block.
+  uint8_t* ctrl() const { return reinterpret_cast<uint8_t*>(slots_ + capacity_); }
+
+  // A look-up reads the home position's control byte and then, usually, its member: both are
+  // misses in a large table, so the member is requested before the control byte is read.
+  void prefetchHome(uint32_t h) const {
+#if defined(__GNUC__)
+    __builtin_prefetch(&slots_[h & mask()]);
+#endif
+  }
 
   // Grows, or drops tombstones at the same size, so that members fill at most half the table.
   void rebuild() {
     size_t capacity = kMinCapacity;
-    while ((size_ + 1) * 2 > capacity) capacity *= 2;
-    uint8_t* oldCtrl = ctrl_;
+    while ((size_t{size_} + 1) * 2 > capacity) capacity *= 2;
+    CORE_ASSERT(capacity <= UINT32_MAX);
+    const uint8_t* oldCtrl = ctrl();
     Slot* oldSlots = slots_;
     const size_t oldCapacity = capacity_;
     allocate(capacity);
@@ -109,9 +136,10 @@ class HashTable {
 
   void moveIn(Slot&& value) {
     const uint32_t h = hashOf(KeyOf()(value), kSeed);
+    uint8_t* ctrl = this->ctrl();
     size_t i = h & mask();
-    while (ctrl_[i] != kEmpty) i = (i + 1) & mask();
-    ctrl_[i] = tagOf(h);
+    while (ctrl[i] != kEmpty) i = (i + 1) & mask();
+    ctrl[i] = tagOf(h);
     ++size_;
     new (&slots_[i]) Slot(std::move(value));
   }
@@ -122,9 +150,8 @@ class HashTable {
   void allocate(size_t capacity) {
     void* block = ::operator new(blockSize(capacity), std::align_val_t(alignof(Slot)));
     slots_ = static_cast<Slot*>(block);
-    ctrl_ = reinterpret_cast<uint8_t*>(slots_ + capacity);
-    std::memset(ctrl_, kEmpty, capacity);
-    capacity_ = capacity;
+    capacity_ = static_cast<uint32_t>(capacity);
+    std::memset(ctrl(), kEmpty, capacity);
     size_ = 0;
     tombstones_ = 0;
   }
@@ -134,7 +161,7 @@ class HashTable {
   }
 
   void release() {
-    uint8_t* ctrl = std::exchange(ctrl_, nullptr);
+    const uint8_t* ctrl = this->ctrl();
     Slot* slots = std::exchange(slots_, nullptr);
     const size_t capacity = std::exchange(capacity_, 0);
     size_ = 0;
@@ -147,11 +174,11 @@ class HashTable {
     deallocate(slots, capacity);
   }
 
-  uint8_t* ctrl_ = nullptr;
+  // 32-bit counts keep an empty table (and so every entity's collection) small.
   Slot* slots_ = nullptr;
-  size_t capacity_ = 0;
-  size_t size_ = 0;
-  size_t tombstones_ = 0;
+  uint32_t capacity_ = 0;
+  uint32_t size_ = 0;
+  uint32_t tombstones_ = 0;
 };
 
 }  // namespace Core

@@ -42,9 +42,14 @@ class IpGenAddr {
   uint32_t v4() const;
   const Bytes& bytes() const { return bytes_; }
 
+  // An IPv4 address hashes its one word (the other bytes are zero), an IPv6 one all 16 bytes.
   uint32_t hash(uint32_t seed) const {
-    return Core::hashCombine(Core::hashBytes(bytes_.data(), bytes_.size(), seed),
-                             static_cast<uint32_t>(af_));
+    const auto af = static_cast<uint32_t>(af_);
+    if (af_ == AddressFamily::ipv4_) {
+      return Core::hashMix(Core::hashCombine(Core::hashCombine(seed, v4Word()), af));
+    }
+    return Core::hashMix(
+        Core::hashCombine(Core::hashBytes(bytes_.data(), bytes_.size(), seed), af));
   }
   friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
     return a.af_ == b.af_ && std::memcmp(a.bytes_.data(), b.bytes_.data(), 16) == 0;
@@ -59,6 +64,13 @@ class IpGenAddr {
   std::string toString() const;
 
  private:
+  // The first four bytes as one word, in memory order: only hashed, never interpreted.
+  uint32_t v4Word() const {
+    uint32_t word;
+    std::memcpy(&word, bytes_.data(), sizeof word);
+    return word;
+  }
+
   Bytes bytes_{};
   AddressFamily af_ = AddressFamily::unknown_;
 };
@@ -83,7 +95,7 @@ class IntfId {
   std::string name() const;
   std::string shortName() const;
 
-  uint32_t hash(uint32_t seed) const { return Core::hashCombine(seed, id_); }
+  uint32_t hash(uint32_t seed) const { return Core::hashMix(Core::hashCombine(seed, id_)); }
   friend bool operator==(IntfId a, IntfId b) { return a.id_ == b.id_; }
   friend std::strong_ordering operator<=>(IntfId a, IntfId b) { return a.id_ <=> b.id_; }
   friend std::ostream& operator<<(std::ostream& os, IntfId i) { return os << i.name(); }

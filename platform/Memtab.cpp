@@ -86,12 +86,24 @@ std::ostream& operator<<(std::ostream& os, const Fec& fec) {
 
 ForwardingStatus::Ptr ForwardingStatus::ForwardingStatusIs() { return Ptr(new ForwardingStatus()); }
 
-Fec ForwardingStatus::fec(Fib::FecId id) const {
+void ForwardingStatus::checkRead(Fib::FecId id) const {
   if (corruptReads_) {
     throw CorruptionError("Memtab::FibGen::ForwardingStatus: corrupt read of FEC " +
                           std::to_string(id));
   }
+}
+
+Fec ForwardingStatus::fec(Fib::FecId id) const {
+  checkRead(id);
   return fec_.get(id);
+}
+
+void ForwardingStatus::fecInto(Fib::FecId id, Fec& out) const {
+  checkRead(id);
+  static const Fec absent;
+  const Fec* present = fec_.find(id);
+  // Copy-assignment keeps out's vectors and their capacity.
+  out = present ? *present : absent;
 }
 
 void ForwardingStatus::doCorruptionDetected(const std::string& message) const {

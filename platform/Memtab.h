@@ -159,6 +159,9 @@ class ForwardingStatus : public Core::Node {
   // A copy of the FEC, or the default via-less FEC when absent. Throws CorruptionError while
   // reads are marked corrupt.
   Fec fec(Fib::FecId id) const;
+  // The same read into a caller-owned FEC, whose via storage is reused: a reader that keeps one
+  // FEC for all its reads copies without allocating. Throws like fec(id), leaving `out` as it was.
+  void fecInto(Fib::FecId id, Fec& out) const;
   const FecColl& fec() const { return fec_; }  // iteration
 
   // Test hook: makes every fec(id) read throw CorruptionError until switched off.
@@ -175,6 +178,8 @@ class ForwardingStatus : public Core::Node {
 
  private:
   ForwardingStatus() = default;
+  // Throws CorruptionError for `id` while reads are marked corrupt.
+  void checkRead(Fib::FecId id) const;
 
   bool corruptReads_ = false;
   mutable uint32_t corruptionCount_ = 0;

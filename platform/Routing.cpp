@@ -93,9 +93,20 @@ void FibMonitorHelperSm::hasNotificationActiveIs(bool active) {
   if (active) indexAll();
 }
 
+namespace {
+
+// The users of a FEC in address order: the order in which a FEC change queues them.
+std::vector<Netval::IpGenAddr> inAddressOrder(const std::vector<Netval::IpGenAddr>& addrs) {
+  std::vector<Netval::IpGenAddr> sorted(addrs);
+  std::sort(sorted.begin(), sorted.end());
+  return sorted;
+}
+
+}  // namespace
+
 size_t FibMonitorHelperSm::fecUserCount(Memtab::Fib::FecId fecId) const {
-  auto users = addrsOfFec_.find(fecId);
-  return users == addrsOfFec_.end() ? 0 : users->second.size();
+  const FecUsers* users = addrsOfFec_.find(fecId);
+  return users ? users->addrs.size() : 0;
 }
 
 void FibMonitorHelperSm::handleNexthopStatus(const Netval::IpGenAddr& addr) {
@@ -107,10 +118,10 @@ void FibMonitorHelperSm::handleNexthopStatus(const Netval::IpGenAddr& addr) {
 }
 
 void FibMonitorHelperSm::handleFec(const Memtab::Fib::FecId& fecId) {
-  auto users = addrsOfFec_.find(fecId);
-  if (users == addrsOfFec_.end()) return;
-  // Backlog handlers run inside queue() and may change the status, and so the index.
-  const std::vector<Netval::IpGenAddr> queued(users->second.begin(), users->second.end());
+  const FecUsers* users = addrsOfFec_.find(fecId);
+  if (!users) return;
+  // A copy: backlog handlers run inside queue() and may change the status, and so the index.
+  const std::vector<Netval::IpGenAddr> queued = inAddressOrder(users->addrs);
   for (const Netval::IpGenAddr& addr : queued) queue(addr);
 }
 
@@ -124,20 +135,31 @@ void FibMonitorHelperSm::indexAll() {
 }
 
 void FibMonitorHelperSm::indexIs(const Netval::IpGenAddr& addr, Memtab::Fib::FecId fecId) {
-  const bool inserted = fecOfAddr_.emplace(addr, fecId).second;
-  CORE_ASSERT(inserted);
-  addrsOfFec_[fecId].insert(addr);
+  CORE_ASSERT(!fecOfAddr_.find(addr));
+  FecUsers* users = addrsOfFec_.find(fecId);
+  if (!users) users = addrsOfFec_.emplaceNew(FecUsers{fecId, {}});
+  fecOfAddr_.emplaceNew(IndexedAddr{addr, static_cast<uint32_t>(users->addrs.size()), fecId});
+  users->addrs.push_back(addr);
 }
 
 void FibMonitorHelperSm::indexDel(const Netval::IpGenAddr& addr) {
-  auto indexed = fecOfAddr_.find(addr);
-  if (indexed == fecOfAddr_.end()) return;
-  auto users = addrsOfFec_.find(indexed->second);
-  CORE_ASSERT(users != addrsOfFec_.end());
-  const size_t erased = users->second.erase(addr);
-  CORE_ASSERT(erased == 1);
-  if (users->second.empty()) addrsOfFec_.erase(users);
+  IndexedAddr* indexed = fecOfAddr_.find(addr);
+  if (!indexed) return;
+  FecUsers* users = addrsOfFec_.find(indexed->fecId);
+  CORE_ASSERT(users);
+  std::vector<Netval::IpGenAddr>& addrs = users->addrs;
+  const uint32_t position = indexed->position;
+  CORE_ASSERT(position < addrs.size() && addrs[position] == addr);
   fecOfAddr_.erase(indexed);
+  // The last user takes the freed place.
+  if (position + 1 != addrs.size()) {
+    addrs[position] = addrs.back();
+    IndexedAddr* moved = fecOfAddr_.find(addrs[position]);
+    CORE_ASSERT(moved);
+    moved->position = position;
+  }
+  addrs.pop_back();
+  if (addrs.empty()) addrsOfFec_.erase(users);
 }
 
 void FibMonitorHelperSm::queue(const Netval::IpGenAddr& addr) {
@@ -156,12 +178,17 @@ void FibMonitorHelperSm::dumpState(Core::DumpContext& ctx, uint32_t indent) cons
     ctx.dumpChildPointer(node, indent + 4);
   }
   std::vector<Memtab::Fib::FecId> fecIds;
-  for (const auto& users : addrsOfFec_) fecIds.push_back(users.first);
+  for (size_t i = addrsOfFec_.nextOccupied(0); i < addrsOfFec_.capacity();
+       i = addrsOfFec_.nextOccupied(i + 1)) {
+    fecIds.push_back(addrsOfFec_.at(i).fecId);
+  }
   std::sort(fecIds.begin(), fecIds.end());
   Core::dumpCount(ctx, indent, "fecUsers", fecIds.size());
   for (Memtab::Fib::FecId fecId : fecIds) {
     std::string addrs;
-    for (const Netval::IpGenAddr& addr : addrsOfFec_.at(fecId)) addrs += " " + addr.toString();
+    for (const Netval::IpGenAddr& addr : inAddressOrder(addrsOfFec_.find(fecId)->addrs)) {
+      addrs += " " + addr.toString();
+    }
     ctx.line(indent + 4, "fec %llu:%s\n", static_cast<unsigned long long>(fecId), addrs.c_str());
   }
 }

@@ -2,15 +2,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <set>
 #include <string>
 #include <string_view>
 #include <tuple>
-#include <unordered_map>
+#include <vector>
 
 #include "framework/Core.h"
 #include "framework/CoreCollection.h"
 #include "framework/CoreReactor.h"
+#include "framework/CoreTable.h"
 #include "framework/Hub.h"
 #include "framework/Kiln.h"
 #include "framework/L3VrfName.h"
@@ -260,8 +260,22 @@ class FibMonitorHelperSm : public Core::Reactor {
   void dumpState(Core::DumpContext& ctx, uint32_t indent) const override;
 
  private:
-  struct AddrHash {
-    size_t operator()(const Netval::IpGenAddr& addr) const { return addr.hash(0); }
+  // An indexed address: its FEC and its position in that FEC's user list (for O(1) removal).
+  struct IndexedAddr {
+    Netval::IpGenAddr addr;
+    uint32_t position;
+    Memtab::Fib::FecId fecId;
+  };
+  struct AddrOf {
+    const Netval::IpGenAddr& operator()(const IndexedAddr& indexed) const { return indexed.addr; }
+  };
+  // The addresses whose status entry points at one FEC, unordered; sorted when queued or dumped.
+  struct FecUsers {
+    Memtab::Fib::FecId fecId;
+    std::vector<Netval::IpGenAddr> addrs;
+  };
+  struct FecIdOf {
+    const Memtab::Fib::FecId& operator()(const FecUsers& users) const { return users.fecId; }
   };
 
   FibMonitorHelperSm(const std::string& clientName,
@@ -285,10 +299,10 @@ class FibMonitorHelperSm : public Core::Reactor {
   Core::Ptr<const Memtab::FibGen::ForwardingStatus> forwardingStatus_;
   Core::Ptr<Hub::TaskScheduler> scheduler_;
 
-  // Both directions of "the status entry of addr points at fecId"; ordered sets so that a FEC
-  // change queues its users in address order.
-  std::unordered_map<Netval::IpGenAddr, Memtab::Fib::FecId, AddrHash> fecOfAddr_;
-  std::unordered_map<Memtab::Fib::FecId, std::set<Netval::IpGenAddr>> addrsOfFec_;
+  // Both directions of "the status entry of addr points at fecId", in flat tables: one entry per
+  // resolved address costs no allocation of its own.
+  Core::HashTable<Netval::IpGenAddr, IndexedAddr, AddrOf> fecOfAddr_;
+  Core::HashTable<Memtab::Fib::FecId, FecUsers, FecIdOf> addrsOfFec_;
 
   Core::Slot<FibMonitorHelperSm, Netval::IpGenAddr, &FibMonitorHelperSm::handleNexthopStatus>
       statusSlot_{this, NexthopVrfStatus::nexthopAttr, nexthopVrfStatus_.get()};
