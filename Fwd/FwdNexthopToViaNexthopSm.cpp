@@ -64,6 +64,8 @@ void NexthopRequest::addIntfId(Netval::IntfId intfId) {
 }
 
 void NexthopRequest::delIntfId(Netval::IntfId intfId) {
+  // The usual case, a present interface, takes one look-up.
+  if (intfViaInfoDel(intfId)) return;
   // Get-or-create on purpose: removing an interface never added needs no check by the caller.
   IntfViaInfo::Ptr info = intfViaInfoIs(intfId);
   CORE_ASSERT(info);
@@ -233,7 +235,8 @@ void NexthopToViaNexthopSm::reviewNexthopRequest(const Core::Ptr<NexthopRequest>
     for (uint32_t i = 0; i < viaCount; ++i) {
       const Memtab::FibGen::Via& via = fec.via(Memtab::Fib::ViaIndex(i));
       const Netval::IntfId intf = via.intfId();
-      DUALLOG_TRACE(8, "viaNexthop: ", via.hop(), ", IntfId: ", intf.shortName());
+      // Formatted in place: this runs for every via of every review.
+      DUALLOG_TRACE(8, "viaNexthop: ", via.hop(), ", IntfId: ", Netval::IntfShortName(intf));
       const IntfViaInfo::Ptr info = request->intfViaInfo(intf);
       if (!info) continue;
       const Netval::IpGenAddr& candidate = viaCandidate(via.hop(), nh);

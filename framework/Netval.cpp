@@ -254,17 +254,24 @@ uint32_t matchType(std::string_view name, std::string_view& rest) {
   return 0;
 }
 
-std::string intfName(uint32_t id, bool shortForm) {
-  if (id == 0) return {};
+// Writes the name of `id` into `out` (at least IntfShortName::kCapacity bytes, which every name
+// fits) and returns its length; formatted in place so that trace values need no std::string.
+size_t formatIntfName(uint32_t id, bool shortForm, char* out) {
+  if (id == 0) return 0;
   IntfParts p = decode(id);
   CORE_ASSERT(validParts(p));
-  const IntfType& t = kIntfTypes[p.type];
-  std::string name(shortForm ? t.shortName : t.name);
+  const std::string_view type = shortForm ? kIntfTypes[p.type].shortName : kIntfTypes[p.type].name;
+  char* end = std::copy(type.begin(), type.end(), out);
   for (size_t i = 0; i < p.count; ++i) {
-    if (i > 0) name += '/';
-    name += std::to_string(p.numbers[i]);
+    if (i > 0) *end++ = '/';
+    end = std::to_chars(end, out + IntfShortName::kCapacity, p.numbers[i]).ptr;
   }
-  return name;
+  return static_cast<size_t>(end - out);
+}
+
+std::string intfName(uint32_t id, bool shortForm) {
+  char text[IntfShortName::kCapacity];
+  return std::string(text, formatIntfName(id, shortForm, text));
 }
 
 }  // namespace
@@ -299,6 +306,9 @@ IntfId IntfId::fromId(uint32_t id) {
 std::string IntfId::name() const { return intfName(id_, false); }
 
 std::string IntfId::shortName() const { return intfName(id_, true); }
+
+IntfShortName::IntfShortName(IntfId intf)
+    : size_(static_cast<uint8_t>(formatIntfName(intf.id(), true, text_))) {}
 
 EthAddr::EthAddr(uint64_t value) : value_(value) { CORE_ASSERT(value >> 48 == 0); }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include <string>
 #include <vector>
 
@@ -12,6 +14,7 @@ namespace {
 using Netval::AddressFamily;
 using Netval::EthAddr;
 using Netval::IntfId;
+using Netval::IntfShortName;
 using Netval::IpGenAddr;
 
 std::string errorOf(auto parse) {
@@ -153,6 +156,17 @@ TEST(IntfId, DefaultIsTheEmptyInterface) {
   EXPECT_EQ(i.shortName(), "");
   EXPECT_EQ(IntfId::fromText(""), i);
   EXPECT_EQ(IntfId::fromId(0), i);
+}
+
+TEST(IntfShortName, TracesAsTheShortNameWithoutBuildingOne) {
+  for (const char* name : {"", "Ethernet1", "Ethernet3/1/2", "Vlan4094", "Port-Channel5",
+                           "Loopback0", "Management1/1", "Ethernet4095/254/254"}) {
+    const IntfId i = IntfId::fromText(name);
+    EXPECT_EQ(IntfShortName(i).str(), i.shortName()) << name;
+    std::ostringstream os;
+    os << IntfShortName(i);
+    EXPECT_EQ(os.str(), i.shortName()) << name;
+  }
 }
 
 TEST(IntfId, NamesAndShortNames) {
