@@ -76,13 +76,14 @@ class Collection {
   // Inserts the member or replaces the one stored under its key. Returns true when the
   // collection changed (and a change was published).
   bool set(Member member) {
-    if (Member* present = table_.find(KeyOf()(member))) {
+    const uint32_t h = Table::hashKey(KeyOf()(member));
+    if (Member* present = table_.find(KeyOf()(member), h)) {
       if (equal(*present, member)) return false;
       Member old = std::exchange(*present, std::move(member));
       publish(&old, present);
       return true;
     }
-    publish(nullptr, table_.emplaceNew(std::move(member)));
+    publish(nullptr, table_.insertNew(h, std::move(member)));
     return true;
   }
 
@@ -90,9 +91,7 @@ class Collection {
   bool del(const Key& key) {
     Member* present = table_.find(key);
     if (!present) return false;
-    Member old = std::move(*present);
-    table_.erase(present);
-    publish(&old, nullptr);
+    erase(present);
     return true;
   }
 
@@ -104,10 +103,9 @@ class Collection {
         table_.clear();
         return;
       }
-      for (auto it = begin(); it != end(); ++it) {
-        const Key key = KeyOf()(*it);
-        del(key);
-      }
+      // Each member is removed where the walk found it: nothing runs between the step and the
+      // removal, and a handler that rebuilds the table leaves the walk memory-safe.
+      for (auto it = begin(); it != end(); ++it) erase(&table_.at(it.position()));
     }
   }
 
@@ -127,6 +125,7 @@ class Collection {
       return *this;
     }
     bool operator==(std::default_sentinel_t) const { return position_ >= table_->capacity(); }
+    size_t position() const { return position_; }
 
    private:
     const HashTable<Key, Member, KeyOf>* table_ = nullptr;
@@ -136,6 +135,14 @@ class Collection {
   std::default_sentinel_t end() const { return {}; }
 
  private:
+  using Table = HashTable<Key, Member, KeyOf>;
+
+  void erase(Member* present) {
+    Member old = std::move(*present);
+    table_.erase(present);
+    publish(&old, nullptr);
+  }
+
   static bool equal(const Member& a, const Member& b) {
     if constexpr (detail::IsPtr<Member>::value) {
       return a.get() == b.get();

@@ -8,6 +8,7 @@
 
 #include "framework/Assert.h"
 #include "framework/CoreHash.h"
+#include "framework/CoreMemory.h"
 
 namespace Core {
 
@@ -35,9 +36,13 @@ class HashTable {
   size_t capacity() const { return capacity_; }
   bool empty() const { return size_ == 0; }
 
-  Slot* find(const Key& key) const {
+  // The hash a key has in this table; find() and insertNew() take it so that a look-up followed
+  // by an insert hashes the key once.
+  static uint32_t hashKey(const Key& key) { return hashOf(key, kSeed); }
+
+  Slot* find(const Key& key) const { return size_ == 0 ? nullptr : find(key, hashKey(key)); }
+  Slot* find(const Key& key, uint32_t h) const {
     if (size_ == 0) return nullptr;
-    const uint32_t h = hashOf(key, kSeed);
     const uint8_t tag = tagOf(h);
     const uint8_t* ctrl = this->ctrl();
     prefetchHome(h);
@@ -51,10 +56,14 @@ class HashTable {
   // Inserts a member whose key is not present (checked by the caller).
   template <class... Args>
   Slot* emplaceNew(Args&&... args) {
-    if ((size_t{size_} + tombstones_ + 1) * 4 > size_t{capacity_} * 3) rebuild();
     // Build first: the key is read from the member itself.
     Slot value(std::forward<Args>(args)...);
-    const uint32_t h = hashOf(KeyOf()(value), kSeed);
+    return insertNew(hashKey(KeyOf()(value)), std::move(value));
+  }
+
+  // As emplaceNew, for a member whose key hashes to `h` (from hashKey).
+  Slot* insertNew(uint32_t h, Slot&& value) {
+    if ((size_t{size_} + tombstones_ + 1) * 4 > size_t{capacity_} * 3) rebuild();
     uint8_t* ctrl = this->ctrl();
     prefetchHome(h);
     size_t i = h & mask();
@@ -148,7 +157,7 @@ class HashTable {
   static size_t blockSize(size_t capacity) { return capacity * sizeof(Slot) + capacity; }
 
   void allocate(size_t capacity) {
-    void* block = ::operator new(blockSize(capacity), std::align_val_t(alignof(Slot)));
+    void* block = blockAlloc(blockSize(capacity), alignof(Slot));
     slots_ = static_cast<Slot*>(block);
     capacity_ = static_cast<uint32_t>(capacity);
     std::memset(ctrl(), kEmpty, capacity);
@@ -157,7 +166,7 @@ class HashTable {
   }
 
   static void deallocate(Slot* slots, size_t capacity) {
-    if (slots) ::operator delete(slots, blockSize(capacity), std::align_val_t(alignof(Slot)));
+    blockFree(slots, blockSize(capacity), alignof(Slot));
   }
 
   void release() {

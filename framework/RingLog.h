@@ -166,6 +166,7 @@ inline std::byte* putRaw(std::byte* p, const T& value) {
 }
 
 inline constexpr uint32_t kBlockPayload = kBlockBytes - sizeof(BlockHeader);
+inline constexpr uint32_t kPrefetchAhead = 512;
 static_assert(sizeof(RecordHeader) + kMaxValues * (sizeof(uint32_t) + kMaxStringBytes) + 7 <=
                   kBlockPayload,
               "the largest record must fit in a block");
@@ -181,6 +182,11 @@ inline std::byte* reserve(uint32_t id, uint32_t size) noexcept {
   if (w.used + size > kBlockPayload) [[unlikely]]
     nextBlock(size);
   std::byte* record = w.block + sizeof(BlockHeader) + w.used;
+#if defined(__GNUC__)
+  // Records go out at about a cache line each: asking for the lines a few records ahead keeps
+  // the writes from waiting on memory (the ring is far larger than the caches).
+  __builtin_prefetch(record + kPrefetchAhead, 1, 3);
+#endif
   putRaw(record + offsetof(RecordHeader, seq), w.nextSeq++);
   putRaw(record + offsetof(RecordHeader, id), id);
   putRaw(record + offsetof(RecordHeader, bytes), size);

@@ -82,6 +82,28 @@ TEST(Collection, DeleteAllWithSubscriberPublishesOncePerKey) {
   EXPECT_EQ(keys.size(), 50u);
 }
 
+TEST(Collection, DeleteAllWhileAHandlerInsertsEndsEmpty) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 50; ++i) box->keys.set(i);
+  Recorder rec(*box);
+  // Deleting one of the first ten keys inserts a replacement, growing the table under the walk.
+  rec.onEvent = [&](uint32_t key) {
+    if (key < 10 && !box->keys.has(key)) box->keys.set(1000 + key);
+  };
+  box->keys.delAll();
+  EXPECT_TRUE(box->keys.empty());
+  std::multiset<uint32_t> deleted;
+  size_t inserted = 0;
+  for (auto& e : rec.events) {
+    if (e.key >= 1000) ++inserted;
+    deleted.insert(e.key);
+  }
+  // 50 deletions, 10 insertions and the 10 inserted keys' deletions.
+  EXPECT_EQ(rec.events.size(), 70u);
+  EXPECT_EQ(inserted, 20u);
+  for (uint32_t i = 0; i < 50; ++i) EXPECT_EQ(deleted.count(i), 1u) << "key " << i;
+}
+
 TEST(Collection, DeleteAllWithoutSubscriberSweepsSilently) {
   auto box = Core::makePtr<Box>();
   for (uint32_t i = 0; i < 50; ++i) box->keys.set(i);
