@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -101,6 +102,15 @@ class HashTable {
   // Position of the first member at or after `from`, or capacity() when there is none.
   size_t nextOccupied(size_t from) const {
     const uint8_t* ctrl = this->ctrl();
+    // Eight control bytes at a time: a member's byte is a 7-bit tag, empty and deleted positions
+    // have the top bit set.
+    while (from + 8 <= capacity_) {
+      uint64_t word;
+      std::memcpy(&word, ctrl + from, sizeof word);
+      const uint64_t members = ~word & 0x8080808080808080ull;
+      if (members != 0) return from + firstMemberByte(members);
+      from += 8;
+    }
     while (from < capacity_ && ctrl[from] >= kTombstone) ++from;
     return from < capacity_ ? from : capacity_;
   }
@@ -114,6 +124,12 @@ class HashTable {
   static constexpr size_t kMinCapacity = 2;
 
   static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> 25); }
+  // The index, in memory order, of the first byte whose top bit is set in `bits`.
+  static size_t firstMemberByte(uint64_t bits) {
+    const int zeros = std::endian::native == std::endian::little ? std::countr_zero(bits)
+                                                                 : std::countl_zero(bits);
+    return static_cast<size_t>(zeros) / 8;
+  }
   size_t mask() const { return capacity_ - 1; }
   // The control bytes follow the members in the same block.
   uint8_t* ctrl() const { return reinterpret_cast<uint8_t*>(slots_ + capacity_); }

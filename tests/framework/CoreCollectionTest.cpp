@@ -118,6 +118,18 @@ TEST(Collection, DeleteAllWithoutSubscriberSweepsSilently) {
   EXPECT_EQ(box->keys.size(), 0u);
 }
 
+TEST(Collection, IterationOverASparseTableFindsEverySurvivor) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 5000; ++i) box->keys.set(i);
+  // Long runs of empty and deleted positions between the few members left.
+  for (uint32_t i = 0; i < 5000; ++i) {
+    if (i % 997 != 0) box->keys.del(i);
+  }
+  std::set<uint32_t> seen;
+  for (auto it = box->keys.begin(); it != box->keys.end(); ++it) seen.insert(*it);
+  EXPECT_EQ(seen, (std::set<uint32_t>{0, 997, 1994, 2991, 3988, 4985}));
+}
+
 TEST(Collection, IteratingWhileDeletingEveryMemberVisitsEachOnce) {
   auto box = Core::makePtr<Box>();
   constexpr uint32_t kCount = 100000;
