@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <deque>
 #include <mutex>
@@ -339,17 +340,18 @@ std::vector<MessageInfo> parseDescriptors(const std::string& path, std::string_v
 
 Netval::IpGenAddr ipAddr(Cursor& c) {
   auto af = static_cast<Netval::AddressFamily>(c.take<uint8_t>("address family"));
-  auto bytes = c.take<Netval::IpGenAddr::Bytes>("address");
-  Netval::IpGenAddr addr;
   if (af == Netval::AddressFamily::ipv4_) {
-    addr = Netval::IpGenAddr::ipv4(uint32_t(bytes[0]) << 24 | uint32_t(bytes[1]) << 16 |
+    auto bytes = c.take<std::array<uint8_t, 4>>("IPv4 address");
+    return Netval::IpGenAddr::ipv4(uint32_t(bytes[0]) << 24 | uint32_t(bytes[1]) << 16 |
                                    uint32_t(bytes[2]) << 8 | bytes[3]);
-  } else if (af == Netval::AddressFamily::ipv6_) {
-    addr = Netval::IpGenAddr::ipv6(bytes);
-  } else if (af != Netval::AddressFamily::unknown_) {
+  }
+  if (af == Netval::AddressFamily::ipv6_) {
+    return Netval::IpGenAddr::ipv6(c.take<Netval::IpGenAddr::Bytes>("IPv6 address"));
+  }
+  if (af != Netval::AddressFamily::unknown_) {
     c.fail("bad address family " + std::to_string(static_cast<int>(af)));
   }
-  return addr;
+  return Netval::IpGenAddr();
 }
 
 void renderValue(std::ostream& os, Kind kind, Cursor& c) {
@@ -393,9 +395,9 @@ void renderValue(std::ostream& os, Kind kind, Cursor& c) {
   }
 }
 
-std::string renderRecord(const RecordHeader& r, const MessageInfo& m, Cursor& values) {
+std::string renderRecord(uint64_t seq, const MessageInfo& m, Cursor& values) {
   std::ostringstream os;
-  os << r.seq << ' ' << m.file << ':' << m.line << " [" << m.handle << '/' << m.level << "] "
+  os << seq << ' ' << m.file << ':' << m.line << " [" << m.handle << '/' << m.level << "] "
      << m.function << ": ";
   for (const Item& item : m.items) {
     if (item.kind == Kind::piece) {
@@ -433,14 +435,14 @@ std::vector<BlockRef> usedBlocks(const std::string& path, std::string_view data,
 void decodeBlock(const std::string& path, std::string_view data, const BlockRef& block,
                  const std::vector<MessageInfo>& messages, std::vector<std::string>& out) {
   Cursor c(path, data, block.payload, block.payload + block.used);
-  while (!c.atEnd()) {
+  for (uint64_t seq = block.firstSeq; !c.atEnd(); ++seq) {
     size_t start = c.offset();
     auto r = c.take<RecordHeader>("record header");
     if (r.bytes < sizeof r || r.bytes % 8 != 0) c.fail("bad record size");
     if (r.id == 0 || r.id > messages.size()) c.fail("unknown message id " + std::to_string(r.id));
     c.bytes(r.bytes - sizeof r, "record");
     Cursor values(path, data, start + sizeof r, start + r.bytes);
-    out.push_back(renderRecord(r, messages[r.id - 1], values));
+    out.push_back(renderRecord(seq, messages[r.id - 1], values));
   }
 }
 

@@ -19,10 +19,10 @@
 // described once (where it is, its literal pieces, the kinds of its values); each occurrence
 // writes only a sequence number, the message id and the encoded values.
 //
-// File format (version 1, all integers in the writer's byte order, checked through byteOrder):
+// File format (version 2, all integers in the writer's byte order, checked through byteOrder):
 //
 //   offset 0, 4096 bytes: FileHeader
-//     magic "RNGTRACE", version 1, byteOrder 0x01020304, headerBytes, blockBytes, fileBytes,
+//     magic "RNGTRACE", version 2, byteOrder 0x01020304, headerBytes, blockBytes, fileBytes,
 //     descOffset/descCapacity/descUsed (the descriptor area and how much of it is written),
 //     ringOffset/blockCount (the ring), currentBlock (the block being written),
 //     droppedRecords (occurrences not recorded because their descriptor did not fit).
@@ -33,11 +33,13 @@
 //     A string is u32 length + bytes. An item is u8 Kind; a piece item is followed by its string.
 //   ringOffset: blockCount blocks of blockBytes. Each block starts with a BlockHeader
 //     (u64 firstSeq, u64 startTime, u32 used payload bytes, u32 magic "BLK1") followed by
-//     records that never straddle blocks. Record: RecordHeader (u64 seq, u32 message id,
-//     u32 recordBytes, a multiple of 8) then the values in the message's value order:
-//     boolean/character 1 byte, signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes,
-//     ipGenAddr 1 byte family + 16 bytes network order, string/text u32 length (bit 31 set when
-//     truncated) + bytes. A block's `used` is raised only after a record is complete.
+//     records that never straddle blocks. Record: RecordHeader (u32 message id, u32 recordBytes,
+//     a multiple of 8) then the values in the message's value order: boolean/character 1 byte,
+//     signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes, ipGenAddr 1 byte family
+//     then the address in network order (4 bytes for IPv4, 16 for IPv6, none for an unset
+//     address), string/text u32 length (bit 31 set when truncated) + bytes. A record's sequence
+//     number is its block's firstSeq plus its index in the block. A block's `used` is raised
+//     only after a record is complete.
 //
 // Wrapping: when a record does not fit in the current block, the writer moves to the next block
 // (cyclically), resets its header and starts filling it; the whole block's old records are lost
@@ -112,7 +114,7 @@ struct FileHeader {
   uint64_t droppedRecords;
 };
 inline constexpr char kMagic[8] = {'R', 'N', 'G', 'T', 'R', 'A', 'C', 'E'};
-inline constexpr uint32_t kVersion = 1;
+inline constexpr uint32_t kVersion = 2;
 inline constexpr uint32_t kByteOrder = 0x01020304u;
 inline constexpr uint32_t kHeaderBytes = 4096;
 inline constexpr uint32_t kBlockMagic = 0x314b4c42u;  // "BLK1"
@@ -125,13 +127,13 @@ struct BlockHeader {
   uint32_t magic;
 };
 
-// The start of each record; its values follow.
+// The start of each record; its values follow. Records carry no sequence number of their own:
+// sequence numbers are contiguous, so a block's first one and a record's place give it.
 struct RecordHeader {
-  uint64_t seq;
   uint32_t id;
   uint32_t bytes;
 };
-static_assert(sizeof(BlockHeader) == 24 && sizeof(RecordHeader) == 16);
+static_assert(sizeof(BlockHeader) == 24 && sizeof(RecordHeader) == 8);
 
 // The smallest file open() accepts: header, minimal descriptor area, four blocks.
 size_t minFileBytes();
@@ -182,12 +184,12 @@ inline std::byte* reserve(uint32_t id, uint32_t size) noexcept {
   if (w.used + size > kBlockPayload) [[unlikely]]
     nextBlock(size);
   std::byte* record = w.block + sizeof(BlockHeader) + w.used;
+  ++w.nextSeq;
 #if defined(__GNUC__)
   // Records go out at about a cache line each: asking for the lines a few records ahead keeps
   // the writes from waiting on memory (the ring is far larger than the caches).
   __builtin_prefetch(record + kPrefetchAhead, 1, 3);
 #endif
-  putRaw(record + offsetof(RecordHeader, seq), w.nextSeq++);
   putRaw(record + offsetof(RecordHeader, id), id);
   putRaw(record + offsetof(RecordHeader, bytes), size);
   return record + sizeof(RecordHeader);
@@ -243,10 +245,21 @@ struct TextWire {
 struct IpWire {
   static constexpr Kind kind = Kind::ipGenAddr;
   const Netval::IpGenAddr& addr;
-  size_t size() const { return 1 + 16; }
+  size_t addressBytes() const {
+    switch (addr.af()) {
+      case Netval::AddressFamily::ipv4_:
+        return 4;
+      case Netval::AddressFamily::ipv6_:
+        return 16;
+      default:
+        return 0;
+    }
+  }
+  size_t size() const { return 1 + addressBytes(); }
   std::byte* put(std::byte* p) const {
     p = putRaw(p, static_cast<uint8_t>(addr.af()));
-    return putRaw(p, addr.bytes());
+    std::memcpy(p, addr.bytes().data(), addressBytes());
+    return p + addressBytes();
   }
 };
 

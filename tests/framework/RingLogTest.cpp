@@ -211,6 +211,25 @@ TEST_F(RingLogTest, WrappingKeepsTheNewestRecordsOldestFirst) {
   EXPECT_GE(lines.size(), (header.blockCount - 1) * recordsPerBlock);
 }
 
+TEST_F(RingLogTest, AddressesTakeTheBytesOfTheirFamily) {
+  ASSERT_TRUE(RingLog::open(path_, kFileBytes));
+  trace(75, "v4 ", Netval::IpGenAddr::fromText("10.1.2.3"));
+  trace(76, "v6 ", Netval::IpGenAddr::fromText("2001:db8::7"));
+  trace(77, "none ", Netval::IpGenAddr());
+  RingLog::close();
+  RingLog::FileHeader header;
+  const std::string bytes = readFile();
+  std::memcpy(&header, bytes.data(), sizeof header);
+  RingLog::BlockHeader block;
+  std::memcpy(&block, bytes.data() + header.ringOffset, sizeof block);
+  // Each record: an 8-byte header, the family byte and the address, rounded up to 8 bytes.
+  EXPECT_EQ(block.used, (8 + 1 + 4 + 7) / 8 * 8 + (8 + 1 + 16 + 7) / 8 * 8 + (8 + 1 + 7) / 8 * 8);
+  const std::vector<std::string> lines = RingLog::decodeFile(path_);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_THAT(lines[0], HasSubstr("v4 10.1.2.3"));
+  EXPECT_THAT(lines[1], HasSubstr("v6 2001:db8::7"));
+}
+
 TEST_F(RingLogTest, LongStringsAreCut) {
   ASSERT_TRUE(RingLog::open(path_, kFileBytes));
   std::string longText(RingLog::kMaxStringBytes + 100, 'z');
@@ -298,10 +317,10 @@ TEST_F(RingLogTest, DecodeRejectsAnotherVersionOrACutFile) {
   EXPECT_THAT(decodeError(), HasSubstr("header says " + std::to_string(good.size()) + " bytes"));
 
   std::string otherVersion = good;
-  uint32_t version = 2;
+  uint32_t version = RingLog::kVersion + 1;
   std::memcpy(otherVersion.data() + offsetof(RingLog::FileHeader, version), &version, 4);
   writeFile(otherVersion);
-  EXPECT_THAT(decodeError(), HasSubstr("unsupported version 2"));
+  EXPECT_THAT(decodeError(), HasSubstr("unsupported version " + std::to_string(version)));
 }
 
 TEST_F(RingLogTest, DecodeRejectsACorruptRecord) {
