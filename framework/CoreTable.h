@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "framework/Assert.h"
@@ -147,6 +148,14 @@ class HashTable {
     size_t capacity = kMinCapacity;
     while ((size_t{size_} + 1) * 2 > capacity) capacity *= 2;
     CORE_ASSERT(capacity <= UINT32_MAX);
+    if (isInline(slots_) && capacity == kMinCapacity) {
+      // Only tombstones to drop (the smallest capacity holds no member when rebuilt): the block
+      // stays where it is.
+      CORE_ASSERT(size_ == 0);
+      std::memset(ctrl(), kEmpty, capacity_);
+      tombstones_ = 0;
+      return;
+    }
     const uint8_t* oldCtrl = ctrl();
     Slot* oldSlots = slots_;
     const size_t oldCapacity = capacity_;
@@ -170,10 +179,33 @@ class HashTable {
   }
 
   // One block per table: the members first, then one control byte per member.
-  static size_t blockSize(size_t capacity) { return capacity * sizeof(Slot) + capacity; }
+  static constexpr size_t blockSize(size_t capacity) { return capacity * sizeof(Slot) + capacity; }
+
+  // A table of small members keeps its smallest block inside itself: the many tables that never
+  // hold more than a member (a next hop's interfaces) then cost no allocation of their own.
+  static constexpr bool kInlineBlock = blockSize(kMinCapacity) <= 24;
+  struct InlineBlock {
+    alignas(Slot) std::byte bytes[blockSize(kMinCapacity)];
+  };
+  struct NoInlineBlock {};
+
+  bool isInline(const Slot* slots) const {
+    if constexpr (kInlineBlock) {
+      return static_cast<const void*>(slots) == static_cast<const void*>(inline_.bytes);
+    } else {
+      return false;
+    }
+  }
+
+  void* blockFor(size_t capacity) {
+    if constexpr (kInlineBlock) {
+      if (capacity == kMinCapacity) return inline_.bytes;
+    }
+    return blockAlloc(blockSize(capacity), alignof(Slot));
+  }
 
   void allocate(size_t capacity) {
-    void* block = blockAlloc(blockSize(capacity), alignof(Slot));
+    void* block = blockFor(capacity);
     slots_ = static_cast<Slot*>(block);
     capacity_ = static_cast<uint32_t>(capacity);
     std::memset(ctrl(), kEmpty, capacity);
@@ -181,7 +213,8 @@ class HashTable {
     tombstones_ = 0;
   }
 
-  static void deallocate(Slot* slots, size_t capacity) {
+  void deallocate(Slot* slots, size_t capacity) {
+    if (isInline(slots)) return;
     blockFree(slots, blockSize(capacity), alignof(Slot));
   }
 
@@ -204,6 +237,7 @@ class HashTable {
   uint32_t capacity_ = 0;
   uint32_t size_ = 0;
   uint32_t tombstones_ = 0;
+  [[no_unique_address]] std::conditional_t<kInlineBlock, InlineBlock, NoInlineBlock> inline_;
 };
 
 }  // namespace Core
