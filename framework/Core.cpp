@@ -23,7 +23,8 @@ void Publisher::subscribe(Subscriber& subscriber) {
 }
 
 void Publisher::unsubscribe(Subscriber& subscriber) {
-  CORE_ASSERT(subscriber.publisher_ == this && list_->subscribers[subscriber.index_] == &subscriber);
+  CORE_ASSERT(subscriber.publisher_ == this &&
+              list_->subscribers[subscriber.index_] == &subscriber);
   subscriber.publisher_ = nullptr;
   list_->subscribers[subscriber.index_] = nullptr;
   ++list_->vacant;
@@ -72,9 +73,20 @@ void Subscriber::unsubscribe() {
   if (publisher_) publisher_->unsubscribe(*this);
 }
 
-Node::Node() { liveNodes.fetch_add(1, std::memory_order_relaxed); }
+namespace {
+// As use counts: a locked update only while the process runs threads that share entities.
+void liveNodesAdd(int64_t delta) {
+  if (threadSafe()) {
+    liveNodes.fetch_add(delta, std::memory_order_relaxed);
+  } else {
+    liveNodes.store(liveNodes.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+  }
+}
+}  // namespace
 
-Node::~Node() { liveNodes.fetch_sub(1, std::memory_order_relaxed); }
+Node::Node() { liveNodesAdd(1); }
+
+Node::~Node() { liveNodesAdd(-1); }
 
 int64_t Node::liveCount() { return liveNodes.load(std::memory_order_relaxed); }
 
