@@ -11,8 +11,8 @@
 
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
-#include "platform/sim/Scenario.h"
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/Scenario.h"
+#include "hosts/sim/SimHost.h"
 
 namespace {
 

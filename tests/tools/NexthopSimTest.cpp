@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/sim/Scenario.h"
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/Scenario.h"
+#include "hosts/sim/SimHost.h"
 #include "support/FwdTestValues.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/SimHost.h"
 
 namespace Sim {
 

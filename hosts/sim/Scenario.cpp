@@ -1,4 +1,4 @@
-#include "platform/sim/Scenario.h"
+#include "hosts/sim/Scenario.h"
 
 #include <algorithm>
 #include <charconv>
@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "framework/Kiln.h"
-#include "platform/sim/SimError.h"
-#include "platform/sim/SimExplain.h"
+#include "hosts/HostError.h"
+#include "hosts/HostExplain.h"
 
 namespace Sim {
 
@@ -39,9 +39,14 @@ const char* const kScenarioHelp =
 
 namespace {
 
+using Hosts::HostError;
+using Hosts::keyText;
+using Hosts::Prefix;
+using Hosts::RoutingResolver;
+
 // A line that cannot be run; reported, like the host's refusals, with the line's place.
-struct InputError : SimError {
-  using SimError::SimError;
+struct InputError : HostError {
+  using HostError::HostError;
 };
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
@@ -331,7 +336,7 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
   try {
     (this->*found->run)(args);
     host_.runDue();
-  } catch (const SimError& e) {
+  } catch (const HostError& e) {
     err_ << place << e.what() << '\n';
     return LineResult::error;
   } catch (const std::exception& e) {
@@ -575,7 +580,7 @@ void Scenario::cmdShowNhTable(Args& args) {
   if (args.more()) only = interface(args.next("INTF"));
   args.end();
   if (only && !host_.l3Modules()->nextHopModHas(*only)) {
-    throw SimError("interface " + only->name() + " has no next-hop table");
+    throw HostError("interface " + only->name() + " has no next-hop table");
   }
   std::map<Netval::IntfId, std::map<uint32_t, Netval::EthAddr>> sorted;
   for (const auto& module : host_.l3Modules()->nextHopMod()) {
@@ -601,7 +606,7 @@ void Scenario::cmdShowDump(Args& args) {
 void Scenario::cmdExplain(Args& args) {
   const auto key = requestKey(args);
   args.end();
-  out_ << "explain " << keyText(key) << ": " << explain(host_, key) << '\n';
+  out_ << "explain " << keyText(key) << ": " << Hosts::explain(host_, key) << '\n';
 }
 
 void Scenario::cmdExpectStatus(Args& args) {
