@@ -18,25 +18,6 @@
 
 namespace Sim {
 
-const char* const kScenarioHelp =
-    "Scenario commands (one per line, '#' starts a comment):\n"
-    "  vrf add NAME [id N] | vrf del NAME\n"
-    "  fec-mode 1|2                     (before the first request)\n"
-    "  route add|replace VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...]\n"
-    "  route add|replace VRF PREFIX dev INTF\n"
-    "  route del VRF PREFIX\n"
-    "  neigh add|replace INTF ADDR lladdr MAC [l2 INTF|none] | neigh del INTF ADDR\n"
-    "  host add INTF ADDR MAC | host del INTF ADDR | arp-delay MS\n"
-    "  nh-table add INTF | nh-table del INTF\n"
-    "  nhindex add|replace INTF INDEX MAC | nhindex del INTF INDEX\n"
-    "  engine auto-nhindex on|off\n"
-    "  request add VRF ADDR INTF | request del VRF ADDR INTF\n"
-    "  advance MS | restart | echo TEXT\n"
-    "  show status|arp|routes|neigh|dump | show nh-table [INTF]\n"
-    "  explain VRF ADDR INTF\n"
-    "  expect status VRF ADDR INTF nhindex N | expect status VRF ADDR INTF none\n"
-    "  expect statuses N | expect arp INTF ADDR present|absent\n";
-
 namespace {
 
 using Hosts::HostError;
@@ -233,13 +214,15 @@ struct Scenario::Command {
   std::string_view words[2];
   std::string_view usage;
   void (Scenario::*run)(Args&);
+  // Printed after the usage in the help, when not empty.
+  std::string_view note = {};
 };
 
 const Scenario::Command* Scenario::commands(size_t& count) {
   static const Command table[] = {
       {{"vrf", "add"}, "vrf add NAME [id N]", &Scenario::cmdVrfAdd},
       {{"vrf", "del"}, "vrf del NAME", &Scenario::cmdVrfDel},
-      {{"fec-mode"}, "fec-mode 1|2", &Scenario::cmdFecMode},
+      {{"fec-mode"}, "fec-mode 1|2", &Scenario::cmdFecMode, "before the first request"},
       {{"route", "add"},
        "route add VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...] | dev INTF",
        &Scenario::cmdRouteAdd},
@@ -281,6 +264,19 @@ const Scenario::Command* Scenario::commands(size_t& count) {
   };
   count = std::size(table);
   return table;
+}
+
+std::string Scenario::help() {
+  std::string text = "Scenario commands (one per line, '#' starts a comment):\n";
+  size_t count = 0;
+  const Command* table = commands(count);
+  for (size_t i = 0; i < count; ++i) {
+    text += "  ";
+    text += table[i].usage;
+    if (!table[i].note.empty()) text += "  (" + std::string(table[i].note) + ")";
+    text += '\n';
+  }
+  return text;
 }
 
 Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err)
