@@ -32,6 +32,11 @@
 // what it queued, and an oracle computed from scratch from the host's state checks the statuses
 // and the proactive ARP entries after every step.
 //
+// In the re-entrant mode some of the changes are made by a host that reacts to the module's
+// outputs synchronously: an observer of the status collection and of the proactive ARP entries
+// performs the next random change from inside the notification, while the module's handlers are
+// still on the stack. The oracle is checked once every step has returned.
+//
 //   FWD_MODEL_SEEDS=N  number of seeds (1..N), default 3
 //   FWD_MODEL_STEPS=N  steps per seed, default 3000
 //   FWD_MODEL_SEED=N   run only seed N (replays a failure exactly)
@@ -156,9 +161,12 @@ extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__
 // One seed's run: the world, the operations and the oracle.
 class ModelRun {
  public:
-  explicit ModelRun(uint64_t seed)
-      : rng_(seed), world_(seed % 2 ? Memtab::Fib::fecModePerVrf() : Memtab::Fib::fecModeGlobal()) {
+  ModelRun(uint64_t seed, bool reentrant)
+      : rng_(seed),
+        world_(seed % 2 ? Memtab::Fib::fecModePerVrf() : Memtab::Fib::fecModeGlobal()),
+        reentrant_(reentrant) {
     hostIs();
+    if (reentrant_) watchOutputs();
     hostEntities_ = Core::Node::liveCount();
     hostModules_ = world_.l3Modules->nextHopModCount();
     world_.rootIs();
@@ -214,10 +222,9 @@ class ModelRun {
   }
 
   std::string step() {
-    const std::set<L3::VrfName> runningBefore = running();
-    const ArpEntries arpBefore = world_.arpEntries();
-    std::optional<L3::VrfName> vrfTakenDown;
     bool restarted = false;
+    // Changes left for the observers to make from inside the module's notifications.
+    nestedLeft_ = reentrant_ && rng_.chance(60) ? 1 + rng_.below(3) : 0;
 
     const uint32_t roll = rng_.below(100);
     if (roll < 22) {
@@ -233,8 +240,9 @@ class ModelRun {
     } else if (roll < 84) {
       moduleToggle();
     } else if (roll < 92) {
-      vrfTakenDown = vrfToggle();
+      vrfToggle();
     } else if (roll < 94) {
+      nestedLeft_ = 0;
       std::string failure = restart();
       if (!failure.empty()) return failure;
       restarted = true;
@@ -242,16 +250,33 @@ class ModelRun {
       requestToggle();
     }
     world_.settle();
+    nestedLeft_ = 0;
 
-    if (restarted) {
-      leftovers_.clear();  // the new proactive ARP client started empty
-    } else if (vrfTakenDown && runningBefore.contains(*vrfTakenDown)) {
-      const uint32_t arpVrfId = world_.arpVrfId(*vrfTakenDown);
-      for (const ClientEntry& e : arpBefore) {
-        if (e.arpVrfId() == arpVrfId) leftovers_.insert(e);
-      }
-    }
+    if (restarted) leftovers_.clear();  // the new proactive ARP client started empty
     return check();
+  }
+
+  // Subscribes the re-entrant host to the module's outputs.
+  void watchOutputs() {
+    statusWatch_ = E2E::KeyWatch<NexthopNhIndexResolverKey>::KeyWatchIs(
+        world_.statusDir, FwdL3Unicast::NexthopNhIndexResolverStatusDir::statusAttr,
+        [this](const NexthopNhIndexResolverKey&) { nestedChange(); });
+    arpWatch_ = E2E::KeyWatch<ClientEntry>::KeyWatchIs(
+        world_.proactiveArpNexthop, Arp::ProactiveArp::ClientConfig::entryAttr,
+        [this](const ClientEntry&) { nestedChange(); });
+  }
+
+  // Runs inside a notification of the module: makes the next change of the step, if one is left,
+  // at most two notifications deep.
+  void nestedChange() {
+    if (nestedLeft_ == 0 || nestedDepth_ >= 2) return;
+    --nestedLeft_;
+    ++nestedDepth_;
+    context.log("from inside a module notification (depth " + std::to_string(nestedDepth_) + "):");
+    // Changes of the engine's next-hop tables: what the status writers of the last stage meet.
+    const IntfId intf = rng_.pick(u_.intfs);
+    if (world_.l3Modules->nextHopModHas(intf)) nhIndexChange(intf);
+    --nestedDepth_;
   }
 
   void requestToggle() {
@@ -334,8 +359,8 @@ class ModelRun {
     world_.neighbourIs(intf, addr, mac, l2Intf);
   }
 
-  void nhIndexChange() {
-    const IntfId intf = rng_.pick(u_.intfs);
+  void nhIndexChange() { nhIndexChange(rng_.pick(u_.intfs)); }
+  void nhIndexChange(IntfId intf) {
     FwdL3Unicast::NextHopMod::Ptr module = world_.l3Modules->nextHopModMutable(intf);
     if (!module) return moduleToggle(intf);
     const uint32_t nhIndex = 1 + rng_.below(Universe::kNhIndexes);
@@ -376,21 +401,24 @@ class ModelRun {
     world_.l3Modules->nextHopModIs(module);
   }
 
-  // Returns the VRF when it was taken down.
-  std::optional<L3::VrfName> vrfToggle() {
+  // A VRF taken down drops its pipeline, which leaves its proactive ARP entries to the platform.
+  void vrfToggle() {
     const L3::VrfName& vrfName = rng_.pick(u_.vrfs);
     if (world_.vrfStatusAll->vrfStatusHas(vrfName)) {
       if (rng_.chance(50)) {  // VRFs are up more often than down
         context.log("vrf stays up " + text(vrfName));
-        return std::nullopt;
+        return;
       }
       context.log("vrf down " + text(vrfName));
+      const uint32_t arpVrfId = world_.arpVrfId(vrfName);
+      for (const ClientEntry& e : world_.arpEntries()) {
+        if (e.arpVrfId() == arpVrfId) leftovers_.insert(e);
+      }
       world_.vrfDown(vrfName);
-      return vrfName;
+      return;
     }
     context.log("vrf up " + text(vrfName));
     world_.vrfUp(vrfName, vrfId(vrfName));
-    return std::nullopt;
   }
 
   std::string restart() {
@@ -565,6 +593,11 @@ class ModelRun {
   Universe u_;
   Rng rng_;
   World world_;
+  const bool reentrant_;
+  size_t nestedLeft_ = 0;
+  size_t nestedDepth_ = 0;
+  E2E::KeyWatch<NexthopNhIndexResolverKey>::Ptr statusWatch_;
+  E2E::KeyWatch<ClientEntry>::Ptr arpWatch_;
   ArpEntries leftovers_;
   int64_t hostEntities_ = 0;
   size_t hostModules_ = 0;
@@ -583,7 +616,8 @@ std::optional<uint64_t> envCount(const char* name) {
   return out;
 }
 
-TEST(ResolverModel, RandomHostChangesKeepStatusesAndProactiveArpConsistent) {
+// Runs every seed the environment asks for; FAILs with the seed, the step and the log tail.
+void runSeeds(bool reentrant) {
   std::vector<uint64_t> seeds;
   size_t steps = kDefaultSteps;
   try {
@@ -604,13 +638,20 @@ TEST(ResolverModel, RandomHostChangesKeepStatusesAndProactiveArpConsistent) {
   for (uint64_t seed : seeds) {
     context = FailureContext();
     context.seed = seed;
-    const std::string failure = ModelRun(seed).run(steps);
-    ASSERT_TRUE(failure.empty()) << "seed " << seed << " step " << context.step
-                                 << " (replay: " << context.replay() << ")\n"
+    const std::string failure = ModelRun(seed, reentrant).run(steps);
+    ASSERT_TRUE(failure.empty()) << (reentrant ? "re-entrant run, " : "") << "seed " << seed
+                                 << " step " << context.step << " (replay: " << context.replay()
+                                 << ")\n"
                                  << failure << "operation log tail:\n"
                                  << context.tailText();
   }
   std::signal(SIGABRT, SIG_DFL);
+}
+
+TEST(ResolverModel, RandomHostChangesKeepStatusesAndProactiveArpConsistent) { runSeeds(false); }
+
+TEST(ResolverModel, ChangesMadeFromInsideModuleNotificationsKeepStatusesAndArpConsistent) {
+  runSeeds(true);
 }
 
 }  // namespace

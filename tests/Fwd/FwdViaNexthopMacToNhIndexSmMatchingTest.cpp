@@ -127,6 +127,57 @@ TEST_F(Stage3Test, MacChangeOnIndexMovesOldGroupToItsOtherIndex) {
       trace.contains(kAddStatus + "NhIndex already found for mac : 00:1c:73:00:00:0b..skipping"));
 }
 
+TEST_F(Stage3Test, IndexRemovedDuringGroupStatusWriteLeavesNoStatus) {
+  NextHopMod::Ptr module = moduleIs("Ethernet1");
+  start();
+  for (const char* nexthop : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"}) {
+    requestIs(nexthop, "Ethernet1", kMacA);
+  }
+  // A client of the status map that sees the first status and has the engine take the index away.
+  bool removed = false;
+  auto client = recordKeys<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  client->onChange = [&](const NexthopIntfId&) {
+    if (removed) return;
+    removed = true;
+    module->nhIndexToMacDel(5);
+  };
+
+  module->nhIndexToMacIs(5, mac(kMacA));
+
+  ASSERT_TRUE(removed);
+  EXPECT_THAT(statuses(), IsEmpty());
+  EXPECT_FALSE(group("Ethernet1", kMacA)->nhIndexFound());
+  EXPECT_EQ(group("Ethernet1", kMacA)->nhIndex(), kInvalid);
+}
+
+TEST_F(Stage3Test, IndexAddedDuringGroupWithdrawalLeavesEveryNexthopStatus) {
+  NextHopMod::Ptr module = moduleIs("Ethernet1");
+  module->nhIndexToMacIs(5, mac(kMacA));
+  start();
+  for (const char* nexthop : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"}) {
+    requestIs(nexthop, "Ethernet1", kMacA);
+  }
+  // A client of the status map that sees the first withdrawal and has the engine program the MAC
+  // at another index.
+  bool added = false;
+  auto client = recordKeys<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  client->onChange = [&](const NexthopIntfId&) {
+    if (added) return;
+    added = true;
+    module->nhIndexToMacIs(6, mac(kMacA));
+  };
+
+  module->nhIndexToMacDel(5);
+
+  ASSERT_TRUE(added);
+  EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 6},
+                                   {"10.0.0.2 Ethernet1", 6},
+                                   {"10.0.0.3 Ethernet1", 6},
+                                   {"10.0.0.4 Ethernet1", 6}}));
+  EXPECT_TRUE(group("Ethernet1", kMacA)->nhIndexFound());
+  EXPECT_EQ(group("Ethernet1", kMacA)->nhIndex(), 6u);
+}
+
 TEST_F(Stage3Test, IndexWithUnrequestedMacIsIgnored) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   start();
