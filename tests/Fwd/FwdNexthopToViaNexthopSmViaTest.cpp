@@ -296,11 +296,12 @@ TEST(NexthopToViaNexthopSm, ViaCountOrIndexBeyondTheArrayRaisesTheRangeError) {
 // A client of the stage's map that, on the first change it sees, changes the host once more from
 // inside the notification.
 struct NestedChange {
-  Core::Ptr<KeyRecorder<NexthopIntfId>> client;
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopIntfId>> client;
   bool done = false;
 
   NestedChange(Stage1& s, std::function<void()> change)
-      : client(recordKeys<NexthopIntfId>(s.status.get(), NexthopToViaNexthopMap::mapAttr)) {
+      : client(TestSupport::recordChanges<NexthopIntfId>(s.status.get(),
+                                                         NexthopToViaNexthopMap::mapAttr)) {
     client->onChange = [this, change = std::move(change)](const NexthopIntfId&) {
       if (done) return;
       done = true;

@@ -25,6 +25,7 @@
 #include "platform/L3Modules.h"
 #include "platform/Memtab.h"
 #include "platform/Plane.h"
+#include "support/ChangeRecorder.h"
 #include "support/E2EWorld.h"
 
 // Randomized model-based test of the whole resolver. Random host changes over a small universe
@@ -258,12 +259,12 @@ class ModelRun {
 
   // Subscribes the re-entrant host to the module's outputs.
   void watchOutputs() {
-    statusWatch_ = E2E::KeyWatch<NexthopNhIndexResolverKey>::KeyWatchIs(
-        world_.statusDir, FwdL3Unicast::NexthopNhIndexResolverStatusDir::statusAttr,
-        [this](const NexthopNhIndexResolverKey&) { nestedChange(); });
-    arpWatch_ = E2E::KeyWatch<ClientEntry>::KeyWatchIs(
-        world_.proactiveArpNexthop, Arp::ProactiveArp::ClientConfig::entryAttr,
-        [this](const ClientEntry&) { nestedChange(); });
+    statusWatch_ = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+        world_.statusDir.get(), FwdL3Unicast::NexthopNhIndexResolverStatusDir::statusAttr);
+    statusWatch_->onChange = [this](const NexthopNhIndexResolverKey&) { nestedChange(); };
+    arpWatch_ = TestSupport::recordChanges<ClientEntry>(world_.proactiveArpNexthop.get(),
+                                                        Arp::ProactiveArp::ClientConfig::entryAttr);
+    arpWatch_->onChange = [this](const ClientEntry&) { nestedChange(); };
   }
 
   // Runs inside a notification of the module: makes the next change of the step, if one is left,
@@ -596,8 +597,8 @@ class ModelRun {
   const bool reentrant_;
   size_t nestedLeft_ = 0;
   size_t nestedDepth_ = 0;
-  E2E::KeyWatch<NexthopNhIndexResolverKey>::Ptr statusWatch_;
-  E2E::KeyWatch<ClientEntry>::Ptr arpWatch_;
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopNhIndexResolverKey>> statusWatch_;
+  std::unique_ptr<TestSupport::ChangeRecorder<ClientEntry>> arpWatch_;
   ArpEntries leftovers_;
   int64_t hostEntities_ = 0;
   size_t hostModules_ = 0;

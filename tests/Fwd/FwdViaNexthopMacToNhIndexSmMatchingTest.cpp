@@ -135,7 +135,8 @@ TEST_F(Stage3Test, IndexRemovedDuringGroupStatusWriteLeavesNoStatus) {
   }
   // A client of the status map that sees the first status and has the engine take the index away.
   bool removed = false;
-  auto client = recordKeys<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  auto client =
+      TestSupport::recordChanges<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
   client->onChange = [&](const NexthopIntfId&) {
     if (removed) return;
     removed = true;
@@ -160,7 +161,8 @@ TEST_F(Stage3Test, IndexAddedDuringGroupWithdrawalLeavesEveryNexthopStatus) {
   // A client of the status map that sees the first withdrawal and has the engine program the MAC
   // at another index.
   bool added = false;
-  auto client = recordKeys<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  auto client =
+      TestSupport::recordChanges<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
   client->onChange = [&](const NexthopIntfId&) {
     if (added) return;
     added = true;
