@@ -19,13 +19,14 @@
 // described once (where it is, its literal pieces, the kinds of its values); each occurrence
 // writes only a sequence number, the message id and the encoded values.
 //
-// File format (version 2, all integers in the writer's byte order, checked through byteOrder):
+// File format (version 3, all integers in the writer's byte order, checked through byteOrder):
 //
 //   offset 0, 4096 bytes: FileHeader
-//     magic "RNGTRACE", version 2, byteOrder 0x01020304, headerBytes, blockBytes, fileBytes,
-//     descOffset/descCapacity/descUsed (the descriptor area and how much of it is written),
-//     ringOffset/blockCount (the ring), currentBlock (the block being written),
-//     droppedRecords (occurrences not recorded because their descriptor did not fit).
+//     magic "RNGTRACE", version 3 (version 2 files, which hold no kernel names, read too),
+//     byteOrder 0x01020304, headerBytes, blockBytes, fileBytes, descOffset/descCapacity/descUsed
+//     (the descriptor area and how much of it is written), ringOffset/blockCount (the ring),
+//     currentBlock (the block being written), droppedRecords (occurrences not recorded because
+//     their descriptor did not fit).
 //   descOffset, descCapacity bytes: descriptor area, append-only, never overwritten by the ring.
 //     One entry per message, in id order starting at 1; descUsed is raised after an entry is
 //     complete. Entry: u32 entryBytes (multiple of 8), u32 id, u32 line, u8 level, u8 reserved,
@@ -35,8 +36,9 @@
 //     (u64 firstSeq, u64 startTime, u32 used payload bytes, u32 magic "BLK1") followed by
 //     records that never straddle blocks. Record: RecordHeader (u32 message id, u32 recordBytes,
 //     a multiple of 8) then the values in the message's value order: boolean/character 1 byte,
-//     signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes, ipGenAddr 1 byte family
-//     then the address in network order (4 bytes for IPv4, 16 for IPv6, none for an unset
+//     signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes (an interned kernel
+//     name, whose id means nothing to a reader, adds u8 length and the name), ipGenAddr 1 byte
+//     family then the address in network order (4 bytes for IPv4, 16 for IPv6, none for an unset
 //     address), string/text u32 length (bit 31 set when truncated) + bytes. A record's sequence
 //     number is its block's firstSeq plus its index in the block. A block's `used` is raised
 //     only after a record is complete.
@@ -114,7 +116,9 @@ struct FileHeader {
   uint64_t droppedRecords;
 };
 inline constexpr char kMagic[8] = {'R', 'N', 'G', 'T', 'R', 'A', 'C', 'E'};
-inline constexpr uint32_t kVersion = 2;
+inline constexpr uint32_t kVersion = 3;
+// The oldest version a reader accepts.
+inline constexpr uint32_t kOldestVersion = 2;
 inline constexpr uint32_t kByteOrder = 0x01020304u;
 inline constexpr uint32_t kHeaderBytes = 4096;
 inline constexpr uint32_t kBlockMagic = 0x314b4c42u;  // "BLK1"
@@ -263,6 +267,24 @@ struct IpWire {
   }
 };
 
+// An interface id; a kernel name travels with its text, which only this process can look up.
+struct IntfWire {
+  static constexpr Kind kind = Kind::intfId;
+  Netval::IntfId intf;
+  Netval::IntfShortName name;  // empty unless intf is a kernel name
+  explicit IntfWire(Netval::IntfId i) : intf(i), name(i.isKernelName() ? i : Netval::IntfId()) {}
+  size_t size() const {
+    return sizeof(uint32_t) + (intf.isKernelName() ? 1 + name.str().size() : 0);
+  }
+  std::byte* put(std::byte* p) const {
+    p = putRaw(p, intf.id());
+    if (!intf.isKernelName()) return p;
+    p = putRaw(p, static_cast<uint8_t>(name.str().size()));
+    std::memcpy(p, name.str().data(), name.str().size());
+    return p + name.str().size();
+  }
+};
+
 // A literal piece is an lvalue of type const char[N], as a string literal is.
 template <class A>
 inline constexpr bool isPiece =
@@ -316,7 +338,7 @@ auto wireOf(const std::remove_reference_t<A>& arg) {
   } else if constexpr (std::is_same_v<T, Netval::EthAddr>) {
     return ScalarWire<Kind::ethAddr, uint64_t>{arg.value()};
   } else if constexpr (std::is_same_v<T, Netval::IntfId>) {
-    return ScalarWire<Kind::intfId, uint32_t>{arg.id()};
+    return IntfWire{arg};
   } else {
     static_assert(Printable<T>, "a trace value needs a codec or operator<<");
     std::ostringstream os;
