@@ -446,30 +446,23 @@ std::string ipv4Text(uint32_t hostOrder) {
 }
 
 std::string messageTypeName(uint16_t type) {
-  switch (type) {
-    case RTM_NEWLINK:
-      return "RTM_NEWLINK";
-    case RTM_DELLINK:
-      return "RTM_DELLINK";
-    case RTM_NEWROUTE:
-      return "RTM_NEWROUTE";
-    case RTM_DELROUTE:
-      return "RTM_DELROUTE";
-    case RTM_NEWNEIGH:
-      return "RTM_NEWNEIGH";
-    case RTM_DELNEIGH:
-      return "RTM_DELNEIGH";
-    case RTM_NEWNEXTHOP:
-      return "RTM_NEWNEXTHOP";
-    case RTM_DELNEXTHOP:
-      return "RTM_DELNEXTHOP";
-    case NLMSG_ERROR:
-      return "NLMSG_ERROR";
-    case NLMSG_DONE:
-      return "NLMSG_DONE";
-    default:
-      return "message type " + std::to_string(type);
+  struct Name {
+    uint16_t type;
+    const char* name;
+  };
+  static constexpr Name kNames[] = {
+      {RTM_NEWLINK, "RTM_NEWLINK"},       {RTM_DELLINK, "RTM_DELLINK"},
+      {RTM_GETLINK, "RTM_GETLINK"},       {RTM_NEWROUTE, "RTM_NEWROUTE"},
+      {RTM_DELROUTE, "RTM_DELROUTE"},     {RTM_GETROUTE, "RTM_GETROUTE"},
+      {RTM_NEWNEIGH, "RTM_NEWNEIGH"},     {RTM_DELNEIGH, "RTM_DELNEIGH"},
+      {RTM_GETNEIGH, "RTM_GETNEIGH"},     {RTM_NEWNEXTHOP, "RTM_NEWNEXTHOP"},
+      {RTM_DELNEXTHOP, "RTM_DELNEXTHOP"}, {RTM_GETNEXTHOP, "RTM_GETNEXTHOP"},
+      {NLMSG_ERROR, "NLMSG_ERROR"},       {NLMSG_DONE, "NLMSG_DONE"},
+  };
+  for (const Name& n : kNames) {
+    if (n.type == type) return n.name;
   }
+  return "message type " + std::to_string(type);
 }
 
 }  // namespace Hosts::Linux
