@@ -50,33 +50,14 @@ void AllVrfNexthopNhIndexResolverStatusDir::dumpState(Core::DumpContext& ctx,
 }
 
 VrfNexthopNhIndexResolverSm::Ptr AllVrfNexthopNhIndexResolverSm::smIs(
-    const L3::VrfName& vrfName, const Core::Ptr<const NexthopIntfIdColl>& config,
-    const Core::Ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig,
-    const Core::Ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus,
-    const Core::Ptr<const Memtab::FibGen::ForwardingStatus>& forwardingGenStatus,
-    const Core::Ptr<const Plane::NextHopInfoWrapper>& nextHopInfoWrapper,
-    const Core::Ptr<const Plane::VrfL3StatusAll>& vrfStatusAll,
-    const Core::Ptr<const L3Modules>& l3Modules,
-    const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
-    const Core::Ptr<Hub::TaskScheduler>& scheduler,
-    const Core::Ptr<ViaNexthopMacToNhIndexMap>& status) {
+    const L3::VrfName& vrfName, const VrfNexthopNhIndexResolverInputs& inputs) {
   if (VrfNexthopNhIndexResolverSm::Ptr existing = sm_.get(vrfName)) {
-    const bool sameInputs =
-        existing->config() == config && existing->nexthopVrfConfig() == nexthopVrfConfig &&
-        existing->nexthopVrfStatus() == nexthopVrfStatus &&
-        existing->forwardingGenStatus() == forwardingGenStatus &&
-        existing->nextHopInfoWrapper() == nextHopInfoWrapper &&
-        existing->vrfStatusAll() == vrfStatusAll && existing->l3Modules() == l3Modules &&
-        existing->proactiveArpNexthopSm() == proactiveArpNexthopSm &&
-        existing->scheduler() == scheduler && existing->status() == status;
-    if (sameInputs) return existing;
+    if (vrfNexthopNhIndexResolverInputs(*existing) == inputs) return existing;
     throw Core::ReinstantiationError("FwdL3Unicast::AllVrfNexthopNhIndexResolverSm::smIs: vrf " +
                                      vrfName.str() +
                                      " already has a pipeline built from other inputs");
   }
-  VrfNexthopNhIndexResolverSm::Ptr created = vrfNexthopNhIndexResolverSmFactory(
-      vrfName, config, nexthopVrfConfig, nexthopVrfStatus, forwardingGenStatus, nextHopInfoWrapper,
-      vrfStatusAll, l3Modules, proactiveArpNexthopSm, scheduler, status);
+  VrfNexthopNhIndexResolverSm::Ptr created = vrfNexthopNhIndexResolverSmFactory(vrfName, inputs);
   sm_.set(created);
   return created;
 }
@@ -249,6 +230,29 @@ NexthopNhIndexResolverSm::Ptr nexthopNhIndexResolverSmFactory(
   return root;
 }
 
+NexthopNhIndexResolverSm::Ptr nexthopNhIndexResolverSmFactory(
+    const NexthopNhIndexResolverInputs& inputs) {
+  return nexthopNhIndexResolverSmFactory(
+      inputs.em, inputs.configDir, inputs.nexthopConfig, inputs.nexthopStatus, inputs.fecModeStatus,
+      inputs.forwardingGenStatus, inputs.nextHopInfoWrapper, inputs.vrfStatusAll, inputs.l3Modules,
+      inputs.proactiveArpNexthop, inputs.scheduler, inputs.statusDir);
+}
+
+NexthopNhIndexResolverInputs NexthopNhIndexResolverInputs::fresh() {
+  return {Store::EntityManager::EntityManagerIs(),
+          nexthopNhIndexResolverConfigDirFactory(),
+          Routing::NexthopConfig::NexthopConfigIs(),
+          Routing::NexthopStatus::NexthopStatusIs(),
+          Memtab::Fib::FecModeStatus::FecModeStatusIs(),
+          Memtab::FibGen::ForwardingStatus::ForwardingStatusIs(),
+          Plane::NextHopInfoWrapper::NextHopInfoWrapperIs(),
+          Plane::VrfL3StatusAll::VrfL3StatusAllIs(),
+          L3Modules::L3ModulesIs(),
+          Arp::ProactiveArp::ClientConfig::ClientConfigIs(),
+          Hub::TaskScheduler::TaskSchedulerIs(),
+          nexthopNhIndexResolverStatusDirFactory()};
+}
+
 NexthopNhIndexResolverSm::~NexthopNhIndexResolverSm() {
   hasNotificationActiveIs(false);
   vrfStatus_.delAll();
@@ -373,9 +377,9 @@ void NexthopNhIndexResolverSm::checkAndInstantiateVrfSm(const L3::VrfName& vrfNa
     CORE_ASSERT(fecModeStatus()->fecMode() == Memtab::Fib::fecModePerVrf());
     forwardingStatus = mountedForwardingStatus(vrfName);
   }
-  allVrfNexthopNhIndexResolverSm_->smIs(vrfName, config, nexthopVrfConfig, nexthopVrfStatus,
-                                        forwardingStatus, nextHopInfoWrapper_, vrfStatusAll_,
-                                        l3Modules_, proactiveArpNexthopSm_, scheduler_, status);
+  allVrfNexthopNhIndexResolverSm_->smIs(
+      vrfName, {config, nexthopVrfConfig, nexthopVrfStatus, forwardingStatus, nextHopInfoWrapper_,
+                vrfStatusAll_, l3Modules_, proactiveArpNexthopSm_, scheduler_, status});
 }
 
 void NexthopNhIndexResolverSm::checkAndDestroyVrfSm(const L3::VrfName& vrfName) {

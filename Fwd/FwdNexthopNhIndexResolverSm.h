@@ -106,17 +106,8 @@ class AllVrfNexthopNhIndexResolverSm : public Core::Node {
 
   // The VRF's pipeline: the running one when it was built from these very inputs, a new one
   // when the VRF has none. A pipeline built from other inputs throws Core::ReinstantiationError.
-  VrfNexthopNhIndexResolverSm::Ptr smIs(
-      const L3::VrfName& vrfName, const Core::Ptr<const NexthopIntfIdColl>& config,
-      const Core::Ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig,
-      const Core::Ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus,
-      const Core::Ptr<const Memtab::FibGen::ForwardingStatus>& forwardingGenStatus,
-      const Core::Ptr<const Plane::NextHopInfoWrapper>& nextHopInfoWrapper,
-      const Core::Ptr<const Plane::VrfL3StatusAll>& vrfStatusAll,
-      const Core::Ptr<const L3Modules>& l3Modules,
-      const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
-      const Core::Ptr<Hub::TaskScheduler>& scheduler,
-      const Core::Ptr<ViaNexthopMacToNhIndexMap>& status);
+  VrfNexthopNhIndexResolverSm::Ptr smIs(const L3::VrfName& vrfName,
+                                        const VrfNexthopNhIndexResolverInputs& inputs);
   // Removes the pipeline, publishes, then switches it off; it is destroyed with the last
   // reference (at once, unless a handler of it is still running).
   bool smDel(const L3::VrfName& vrfName);
@@ -345,5 +336,31 @@ NexthopNhIndexResolverSm::Ptr nexthopNhIndexResolverSmFactory(
     Core::Ptr<const Plane::VrfL3StatusAll> vrfStatusAll, Core::Ptr<const L3Modules> l3Modules,
     Core::Ptr<Arp::ProactiveArp::ClientConfig> proactiveArpNexthop,
     Core::Ptr<Hub::TaskScheduler> scheduler, Core::Ptr<NexthopNhIndexResolverStatusDir> statusDir);
+
+// Every input of the root, as the host holds them: the host writes the requests, the routing
+// resolver's state, the FIB, neighbours, VRF status and engine tables, and reads the statuses.
+// A host builds one bundle (fresh() makes every collection new and empty) and hands it to each
+// root it creates, so that a restarted module sees the same objects.
+struct NexthopNhIndexResolverInputs {
+  Core::Ptr<Store::EntityManager> em;
+  Core::Ptr<NexthopNhIndexResolverConfigDir> configDir;
+  Core::Ptr<Routing::NexthopConfig> nexthopConfig;
+  Core::Ptr<Routing::NexthopStatus> nexthopStatus;
+  Core::Ptr<Memtab::Fib::FecModeStatus> fecModeStatus;
+  Core::Ptr<Memtab::FibGen::ForwardingStatus> forwardingGenStatus;
+  Core::Ptr<Plane::NextHopInfoWrapper> nextHopInfoWrapper;
+  Core::Ptr<Plane::VrfL3StatusAll> vrfStatusAll;
+  Core::Ptr<L3Modules> l3Modules;
+  Core::Ptr<Arp::ProactiveArp::ClientConfig> proactiveArpNexthop;
+  Core::Ptr<Hub::TaskScheduler> scheduler;
+  Core::Ptr<NexthopNhIndexResolverStatusDir> statusDir;
+
+  static NexthopNhIndexResolverInputs fresh();
+  friend bool operator==(const NexthopNhIndexResolverInputs&,
+                         const NexthopNhIndexResolverInputs&) = default;
+};
+
+NexthopNhIndexResolverSm::Ptr nexthopNhIndexResolverSmFactory(
+    const NexthopNhIndexResolverInputs& inputs);
 
 }  // namespace FwdL3Unicast

@@ -99,6 +99,28 @@ VrfNexthopNhIndexResolverSm::Ptr vrfNexthopNhIndexResolverSmFactory(
   return sm;
 }
 
+VrfNexthopNhIndexResolverSm::Ptr vrfNexthopNhIndexResolverSmFactory(
+    const L3::VrfName& vrfName, const VrfNexthopNhIndexResolverInputs& inputs) {
+  return vrfNexthopNhIndexResolverSmFactory(
+      vrfName, inputs.config, inputs.nexthopVrfConfig, inputs.nexthopVrfStatus,
+      inputs.forwardingGenStatus, inputs.nextHopInfoWrapper, inputs.vrfStatusAll, inputs.l3Modules,
+      inputs.proactiveArpNexthopSm, inputs.scheduler, inputs.status);
+}
+
+VrfNexthopNhIndexResolverInputs vrfNexthopNhIndexResolverInputs(
+    const VrfNexthopNhIndexResolverSm& sm) {
+  return {sm.config(),
+          sm.nexthopVrfConfig(),
+          sm.nexthopVrfStatus(),
+          sm.forwardingGenStatus(),
+          sm.nextHopInfoWrapper(),
+          sm.vrfStatusAll(),
+          sm.l3Modules(),
+          sm.proactiveArpNexthopSm(),
+          sm.scheduler(),
+          sm.status()};
+}
+
 VrfNexthopNhIndexResolverSm::~VrfNexthopNhIndexResolverSm() {
   hasNotificationActiveIs(false);
   nexthopToViaNexthopMapDel();

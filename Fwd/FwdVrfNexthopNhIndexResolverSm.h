@@ -152,7 +152,31 @@ class VrfNexthopNhIndexResolverSm : public Core::Reactor {
   Core::Ptr<ViaNexthopMacToNhIndexSm> viaNexthopMacToNhIndexSm_;
 };
 
+// Every input of one VRF's pipeline except its name, as the root hands them over; two pipelines
+// of a VRF are the same pipeline only when all of these are the same objects.
+struct VrfNexthopNhIndexResolverInputs {
+  Core::Ptr<const NexthopIntfIdColl> config;
+  Core::Ptr<Routing::NexthopVrfConfig> nexthopVrfConfig;
+  Core::Ptr<const Routing::NexthopVrfStatus> nexthopVrfStatus;
+  Core::Ptr<const Memtab::FibGen::ForwardingStatus> forwardingGenStatus;
+  Core::Ptr<const Plane::NextHopInfoWrapper> nextHopInfoWrapper;
+  Core::Ptr<const Plane::VrfL3StatusAll> vrfStatusAll;
+  Core::Ptr<const L3Modules> l3Modules;
+  Core::Ptr<Plane::ProactiveArpNexthopSm> proactiveArpNexthopSm;
+  Core::Ptr<Hub::TaskScheduler> scheduler;
+  Core::Ptr<ViaNexthopMacToNhIndexMap> status;
+
+  friend bool operator==(const VrfNexthopNhIndexResolverInputs&,
+                         const VrfNexthopNhIndexResolverInputs&) = default;
+};
+
+// The inputs the pipeline was built from.
+VrfNexthopNhIndexResolverInputs vrfNexthopNhIndexResolverInputs(
+    const VrfNexthopNhIndexResolverSm& sm);
+
 // Builds the pipeline (which initialises it) and switches its notifications on.
+VrfNexthopNhIndexResolverSm::Ptr vrfNexthopNhIndexResolverSmFactory(
+    const L3::VrfName& vrfName, const VrfNexthopNhIndexResolverInputs& inputs);
 VrfNexthopNhIndexResolverSm::Ptr vrfNexthopNhIndexResolverSmFactory(
     const L3::VrfName& vrfName, Core::Ptr<const NexthopIntfIdColl> config,
     Core::Ptr<Routing::NexthopVrfConfig> nexthopVrfConfig,

@@ -251,30 +251,30 @@ class BenchWorld {
   void addAll() {
     for (uint32_t v = 0; v < kVrfs; ++v) {
       for (uint32_t k = 0; k < kRequestsPerVrf; ++k)
-        configDir_->configIs(keys_[v * kRequestsPerVrf + k]);
+        in_.configDir->configIs(keys_[v * kRequestsPerVrf + k]);
     }
-    scheduler_->runUntilIdle();
+    in_.scheduler->runUntilIdle();
   }
   void deleteAll() {
-    configDir_->configDelAll();
-    scheduler_->runUntilIdle();
+    in_.configDir->configDelAll();
+    in_.scheduler->runUntilIdle();
   }
   // As an agent withdrawing its VRFs one after the other: the order the requests were added.
   void deleteInAddOrder() {
-    for (const NexthopNhIndexResolverKey& key : keys_) configDir_->configDel(key);
-    scheduler_->runUntilIdle();
+    for (const NexthopNhIndexResolverKey& key : keys_) in_.configDir->configDel(key);
+    in_.scheduler->runUntilIdle();
   }
-  size_t statusCount() const { return statusDir_->statusCount(); }
+  size_t statusCount() const { return in_.statusDir->statusCount(); }
   uint32_t published(const NexthopNhIndexResolverKey& key) const {
-    return statusDir_->status(key).nhIndex();
+    return in_.statusDir->status(key).nhIndex();
   }
 
   // Moves the first via of VRF 0 between its two MACs; returns the index its requests now get.
   uint32_t moveMac() {
     macMoved_ = !macMoved_;
     const EthAddr mac = macMoved_ ? movedMac(0, viaIntf(0)) : viaMac(0, 0);
-    nextHopInfoWrapper_->nextHopInfoIs(Plane::NextHopKey(intfOf(0, viaIntf(0)), viaAddr(0, 0)),
-                                       Plane::NextHopInfo(intfOf(0, viaIntf(0)), mac));
+    in_.nextHopInfoWrapper->nextHopInfoIs(Plane::NextHopKey(intfOf(0, viaIntf(0)), viaAddr(0, 0)),
+                                          Plane::NextHopInfo(intfOf(0, viaIntf(0)), mac));
     return macMoved_ ? nhIndexOf(0, viaIntf(0), kMovedMacSlot) : nhIndexOf(0, viaIntf(0), 0);
   }
 
@@ -298,14 +298,14 @@ class BenchWorld {
     std::map<L3::VrfName, BenchResolver::Routes> routes;
     for (uint32_t v = 0; v < kVrfs; ++v) {
       const L3::VrfName name = vrfName(v);
-      vrfStatusAll_->vrfIdIs(name, v + 1);
-      vrfStatusAll_->vrfStatusIs(Plane::VrfL3Status(name, v + 1));
+      in_.vrfStatusAll->vrfIdIs(name, v + 1);
+      in_.vrfStatusAll->vrfStatusIs(Plane::VrfL3Status(name, v + 1));
       for (uint32_t j = 0; j < kViasPerVrf; ++j) {
         const IntfId intf = intfOf(v, viaIntf(j));
-        forwardingGenStatus_->fecIs(
+        in_.forwardingGenStatus->fecIs(
             Memtab::FibGen::Fec(fecOf(v, j), {Memtab::FibGen::Via(intf, viaAddr(v, j))}));
-        nextHopInfoWrapper_->nextHopInfoIs(Plane::NextHopKey(intf, viaAddr(v, j)),
-                                           Plane::NextHopInfo(intf, viaMac(v, j)));
+        in_.nextHopInfoWrapper->nextHopInfoIs(Plane::NextHopKey(intf, viaAddr(v, j)),
+                                              Plane::NextHopInfo(intf, viaMac(v, j)));
         baseNeighbour_.emplace(IntfAddr{intf, viaAddr(v, j)}, viaMac(v, j));
       }
       for (uint32_t i = 0; i < kIntfsPerVrf; ++i) tableIs(v, i);
@@ -318,12 +318,10 @@ class BenchWorld {
       }
     }
     hostBytesPerRequest_ = hostBytesPerRequest(routes);
-    resolver_ = BenchResolver::BenchResolverIs(nexthopConfig_, nexthopStatus_, scheduler_,
+    resolver_ = BenchResolver::BenchResolverIs(in_.nexthopConfig, in_.nexthopStatus, in_.scheduler,
                                                std::move(routes));
-    root_ = FwdL3Unicast::nexthopNhIndexResolverSmFactory(
-        em_, configDir_, nexthopConfig_, nexthopStatus_, fecModeStatus_, forwardingGenStatus_,
-        nextHopInfoWrapper_, vrfStatusAll_, l3Modules_, clientConfig_, scheduler_, statusDir_);
-    scheduler_->runUntilIdle();
+    root_ = FwdL3Unicast::nexthopNhIndexResolverSmFactory(in_);
+    in_.scheduler->runUntilIdle();
     coldBytesPerRequest_ = peakBytesPerRequest();
     deleteAll();
   }
@@ -365,26 +363,12 @@ class BenchWorld {
       module->nhIndexToMacIs(nhIndexOf(v, i, slot), mac);
       baseIndex_.emplace(IntfMac{intfOf(v, i), mac}, nhIndexOf(v, i, slot));
     }
-    l3Modules_->nextHopModIs(module);
+    in_.l3Modules->nextHopModIs(module);
   }
 
-  Store::EntityManager::Ptr em_ = Store::EntityManager::EntityManagerIs();
-  FwdL3Unicast::NexthopNhIndexResolverConfigDir::Ptr configDir_ =
-      FwdL3Unicast::nexthopNhIndexResolverConfigDirFactory();
-  Routing::NexthopConfig::Ptr nexthopConfig_ = Routing::NexthopConfig::NexthopConfigIs();
-  Routing::NexthopStatus::Ptr nexthopStatus_ = Routing::NexthopStatus::NexthopStatusIs();
-  Memtab::Fib::FecModeStatus::Ptr fecModeStatus_ = Memtab::Fib::FecModeStatus::FecModeStatusIs();
-  Memtab::FibGen::ForwardingStatus::Ptr forwardingGenStatus_ =
-      Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
-  Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper_ =
-      Plane::NextHopInfoWrapper::NextHopInfoWrapperIs();
-  Plane::VrfL3StatusAll::Ptr vrfStatusAll_ = Plane::VrfL3StatusAll::VrfL3StatusAllIs();
-  FwdL3Unicast::L3Modules::Ptr l3Modules_ = FwdL3Unicast::L3Modules::L3ModulesIs();
-  Arp::ProactiveArp::ClientConfig::Ptr clientConfig_ =
-      Arp::ProactiveArp::ClientConfig::ClientConfigIs();
-  Hub::TaskScheduler::Ptr scheduler_ = Hub::TaskScheduler::TaskSchedulerIs();
-  FwdL3Unicast::NexthopNhIndexResolverStatusDir::Ptr statusDir_ =
-      FwdL3Unicast::nexthopNhIndexResolverStatusDirFactory();
+  // Every input of the root, fresh and empty.
+  FwdL3Unicast::NexthopNhIndexResolverInputs in_ =
+      FwdL3Unicast::NexthopNhIndexResolverInputs::fresh();
   BenchResolver::Ptr resolver_;
   FwdL3Unicast::NexthopNhIndexResolverSm::Ptr root_;
 

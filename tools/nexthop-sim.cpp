@@ -11,8 +11,8 @@
 
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
-#include "platform/sim/Scenario.h"
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/Scenario.h"
+#include "hosts/sim/SimHost.h"
 
 namespace {
 
@@ -94,7 +94,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
       return std::string(argv[++i]);
     };
     if (arg == "--help" || arg == "-h") {
-      std::cout << kUsage << '\n' << Sim::kScenarioHelp;
+      std::cout << kUsage << '\n' << Sim::Scenario::help();
       return 0;
     }
     if (arg == "--trace" || arg == "--ring") {

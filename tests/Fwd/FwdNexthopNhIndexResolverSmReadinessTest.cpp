@@ -202,16 +202,28 @@ TEST_F(ReadinessTest, PipelineCollectionKeepsSameInputsAndRefusesOthers) {
   tracked("red");
   const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
   ASSERT_TRUE(running);
+  const VrfNexthopNhIndexResolverInputs same = vrfNexthopNhIndexResolverInputs(*running);
+  EXPECT_EQ(pipelines().smIs(vrf("red"), same), running);
 
-  auto again = [&](Core::Ptr<const Memtab::FibGen::ForwardingStatus> table) {
-    return pipelines().smIs(
-        vrf("red"), running->config(), running->nexthopVrfConfig(), running->nexthopVrfStatus(),
-        table, running->nextHopInfoWrapper(), running->vrfStatusAll(), running->l3Modules(),
-        running->proactiveArpNexthopSm(), running->scheduler(), running->status());
-  };
-  EXPECT_EQ(again(running->forwardingGenStatus()), running);
-  EXPECT_THROW(again(Memtab::FibGen::ForwardingStatus::ForwardingStatusIs()),
-               Core::ReinstantiationError);
+  // Each input alone, replaced by another object of its type, makes another pipeline.
+  std::vector<VrfNexthopNhIndexResolverInputs> others(10, same);
+  others[0].config = FwdL3Unicast::nexthopIntfIdCollFactory(vrf("red"));
+  others[1].nexthopVrfConfig =
+      Routing::NexthopVrfConfig::NexthopVrfConfigIs(vrf("red"), Routing::fecIdTypeDefault);
+  others[2].nexthopVrfStatus = Routing::NexthopVrfStatus::NexthopVrfStatusIs(vrf("red"));
+  others[3].forwardingGenStatus = Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
+  others[4].nextHopInfoWrapper = Plane::NextHopInfoWrapper::NextHopInfoWrapperIs();
+  others[5].vrfStatusAll = Plane::VrfL3StatusAll::VrfL3StatusAllIs();
+  others[6].l3Modules = FwdL3Unicast::L3Modules::L3ModulesIs();
+  others[7].proactiveArpNexthopSm = Plane::ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(
+      Arp::ProactiveArp::ClientConfig::ClientConfigIs());
+  others[8].scheduler = Hub::TaskScheduler::TaskSchedulerIs();
+  others[9].status = FwdL3Unicast::viaNexthopMacToNhIndexMapFactory(vrf("red"));
+  for (size_t i = 0; i < others.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_NE(others[i], same);
+    EXPECT_THROW(pipelines().smIs(vrf("red"), others[i]), Core::ReinstantiationError);
+  }
   EXPECT_EQ(pipeline("red"), running);
 }
 

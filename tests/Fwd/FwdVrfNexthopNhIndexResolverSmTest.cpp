@@ -39,8 +39,9 @@ class PipelineTest : public ::testing::Test, public FwdTest::ResolverFixture {
 
   VrfNexthopNhIndexResolverSm::Ptr pipelineIs() {
     return vrfNexthopNhIndexResolverSmFactory(
-        vrf("red"), requests, nexthopVrfConfig, nexthopVrfStatus, forwardingGenStatus,
-        nextHopInfoWrapper, vrfStatusAll, l3Modules, proactiveArp, scheduler, results);
+        vrf("red"),
+        {requests, nexthopVrfConfig, nexthopVrfStatus, forwardingGenStatus, nextHopInfoWrapper,
+         vrfStatusAll, l3Modules, proactiveArp, scheduler, results});
   }
   // The routing resolver reports `nexthop` through FEC `fecId`.
   void resolvedIs(std::string_view nexthop, Memtab::Fib::FecId fecId) {

@@ -113,25 +113,11 @@ class TestRoutingResolver {
 
 // Every input of nexthopNhIndexResolverSmFactory, fresh and empty (FEC mode global), plus the
 // routing resolver stand-in. Use it as a member or as a base of a test fixture.
-class ResolverFixture {
+class ResolverFixture : public FwdL3Unicast::NexthopNhIndexResolverInputs {
  public:
-  Store::EntityManager::Ptr em = Store::EntityManager::EntityManagerIs();
-  FwdL3Unicast::NexthopNhIndexResolverConfigDir::Ptr configDir =
-      FwdL3Unicast::nexthopNhIndexResolverConfigDirFactory();
-  Routing::NexthopConfig::Ptr nexthopConfig = Routing::NexthopConfig::NexthopConfigIs();
-  Routing::NexthopStatus::Ptr nexthopStatus = Routing::NexthopStatus::NexthopStatusIs();
-  Memtab::Fib::FecModeStatus::Ptr fecModeStatus = Memtab::Fib::FecModeStatus::FecModeStatusIs();
-  Memtab::FibGen::ForwardingStatus::Ptr forwardingGenStatus =
-      Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
-  Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper =
-      Plane::NextHopInfoWrapper::NextHopInfoWrapperIs();
-  Plane::VrfL3StatusAll::Ptr vrfStatusAll = Plane::VrfL3StatusAll::VrfL3StatusAllIs();
-  FwdL3Unicast::L3Modules::Ptr l3Modules = FwdL3Unicast::L3Modules::L3ModulesIs();
-  Arp::ProactiveArp::ClientConfig::Ptr proactiveArpNexthop =
-      Arp::ProactiveArp::ClientConfig::ClientConfigIs();
-  Hub::TaskScheduler::Ptr scheduler = Hub::TaskScheduler::TaskSchedulerIs();
-  FwdL3Unicast::NexthopNhIndexResolverStatusDir::Ptr statusDir =
-      FwdL3Unicast::nexthopNhIndexResolverStatusDirFactory();
+  ResolverFixture() : NexthopNhIndexResolverInputs(NexthopNhIndexResolverInputs::fresh()) {}
+
+  const FwdL3Unicast::NexthopNhIndexResolverInputs& inputs() const { return *this; }
 
   TestRoutingResolver resolver{nexthopConfig, nexthopStatus};
 
@@ -139,9 +125,7 @@ class ResolverFixture {
   FwdL3Unicast::NexthopNhIndexResolverSm::Ptr root;
 
   const FwdL3Unicast::NexthopNhIndexResolverSm::Ptr& rootIs() {
-    root = FwdL3Unicast::nexthopNhIndexResolverSmFactory(
-        em, configDir, nexthopConfig, nexthopStatus, fecModeStatus, forwardingGenStatus,
-        nextHopInfoWrapper, vrfStatusAll, l3Modules, proactiveArpNexthop, scheduler, statusDir);
+    root = FwdL3Unicast::nexthopNhIndexResolverSmFactory(inputs());
     return root;
   }
   // What the host does when it stops the module: doCleanup, then drop the root.

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "platform/sim/Scenario.h"
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/Scenario.h"
+#include "hosts/sim/SimHost.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -54,6 +57,30 @@ TEST(NexthopSimParser, RefusesUnknownAndIncompleteCommands) {
   expectRefused("show bogus",
                 "unknown command 'show bogus' (expected show status, show arp, show routes, show "
                 "neigh, show nh-table, show dump)");
+}
+
+TEST(NexthopSimParser, HelpNamesEveryCommandOnceAndOnlyCommandsItRuns) {
+  std::istringstream help(Scenario::help());
+  std::string line;
+  ASSERT_TRUE(std::getline(help, line));
+  EXPECT_EQ(line, "Scenario commands (one per line, '#' starts a comment):");
+  std::vector<std::string> named;
+  while (std::getline(help, line)) {
+    std::istringstream words(line);
+    std::string first, second;
+    words >> first >> second;
+    // A word of upper case is an argument: the command is one word long.
+    const bool twoWords = !second.empty() && std::islower(static_cast<unsigned char>(second[0]));
+    const std::string command = twoWords ? first + " " + second : first;
+    named.push_back(command);
+    // The command exists: alone it is incomplete or runs, never unknown.
+    const SimRun result = run(command);
+    EXPECT_EQ(result.err.find("unknown command"), std::string::npos) << command;
+  }
+  EXPECT_EQ(std::set<std::string>(named.begin(), named.end()).size(), named.size());
+  for (const char* expected : {"vrf add", "fec-mode", "route replace", "show dump", "echo"}) {
+    EXPECT_NE(std::find(named.begin(), named.end(), expected), named.end()) << expected;
+  }
 }
 
 TEST(NexthopSimParser, RefusesMalformedLinesNamingTheUsage) {

@@ -1,4 +1,4 @@
-#include "platform/sim/SimExplain.h"
+#include "hosts/HostExplain.h"
 
 #include <cstdint>
 #include <string>
@@ -7,7 +7,7 @@
 #include "Fwd/FwdViaNexthopMacToNhIndexSm.h"
 #include "Fwd/FwdVrfNexthopNhIndexResolverSm.h"
 
-namespace Sim {
+namespace Hosts {
 
 namespace {
 
@@ -21,11 +21,7 @@ std::string joined(const std::vector<std::string>& parts) {
   return out;
 }
 
-std::string plural(uint32_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
-std::string notReady(const SimHost& host, const L3::VrfName& vrfName) {
+std::string notReady(const ModuleHost& host, const L3::VrfName& vrfName) {
   std::vector<std::string> missing;
   if (!host.nexthopStatus()->vrf(vrfName)) {
     missing.push_back(host.routing()->pendingEvents() != 0
@@ -39,7 +35,7 @@ std::string notReady(const SimHost& host, const L3::VrfName& vrfName) {
 }
 
 // Stage 1 has no via for the request: the next hop is unresolved or its FEC has no via there.
-std::string noVia(const SimHost& host, const VrfNexthopNhIndexResolverSm& pipeline,
+std::string noVia(const ModuleHost& host, const VrfNexthopNhIndexResolverSm& pipeline,
                   const NexthopNhIndexResolverKey& key) {
   const std::string nexthop = key.nexthop().toString();
   const RoutingResolver::RouteMatch* route =
@@ -65,16 +61,8 @@ std::string noVia(const SimHost& host, const VrfNexthopNhIndexResolverSm& pipeli
   return where + " has via " + joined(vias);
 }
 
-std::string arpState(const SimHost& host, const Plane::NextHopKey& key) {
-  if (!host.arpWanted(key)) return "no proactive ARP entry";
-  const ProactiveArpService& arp = *host.arp();
-  std::string state = "proactive ARP probing, " + plural(arp.probeCount(key), "probe") + " sent";
-  if (arp.replyPendingCount(key) != 0) return state + ", reply due";
-  return state + (arp.host(key) ? ", host answers" : ", no host answers");
-}
-
 // Stage 2 has no MAC for the via: the neighbour entry is missing or incomplete.
-std::string viaUnresolved(const SimHost& host, const NexthopNhIndexResolverKey& key,
+std::string viaUnresolved(const ModuleHost& host, const NexthopNhIndexResolverKey& key,
                           const Netval::IpGenAddr& via) {
   const Plane::NextHopKey neighbour(key.intfId(), via);
   const Plane::NextHopInfo info = host.nextHopInfoWrapper()->nextHopInfo(neighbour);
@@ -84,11 +72,11 @@ std::string viaUnresolved(const SimHost& host, const NexthopNhIndexResolverKey& 
                                   : "neighbour entry without L2 interface";
   }
   return "via " + via.toString() + " on " + key.intfId().name() + " unresolved: " + why + "; " +
-         arpState(host, neighbour);
+         host.arpState(neighbour);
 }
 
 // Stages 1 and 2 are through: the forwarding engine's table decides.
-std::string engineLink(const SimHost& host, const VrfNexthopNhIndexResolverSm& pipeline,
+std::string engineLink(const ModuleHost& host, const VrfNexthopNhIndexResolverSm& pipeline,
                        const NexthopNhIndexResolverKey& key,
                        const FwdL3Unicast::NexthopToViaNexthopMacMapEntry& entry) {
   const std::string chain =
@@ -116,7 +104,7 @@ std::string engineLink(const SimHost& host, const VrfNexthopNhIndexResolverSm& p
 
 }  // namespace
 
-std::string explain(const SimHost& host, const NexthopNhIndexResolverKey& key) {
+std::string explain(const ModuleHost& host, const NexthopNhIndexResolverKey& key) {
   if (!host.requestHas(key)) return "no such request";
   const auto& pipelines = host.root()->allVrfNexthopNhIndexResolverSm();
   const VrfNexthopNhIndexResolverSm::Ptr pipeline =
@@ -131,4 +119,4 @@ std::string explain(const SimHost& host, const NexthopNhIndexResolverKey& key) {
   return engineLink(host, *pipeline, key, macMap->map(nexthopIntfId));
 }
 
-}  // namespace Sim
+}  // namespace Hosts

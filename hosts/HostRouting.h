@@ -18,15 +18,15 @@
 #include "platform/Memtab.h"
 #include "platform/Routing.h"
 
-namespace Sim {
+namespace Hosts {
 
 // An IPv4 prefix in canonical form: no address bit is set past the length.
 class Prefix {
  public:
   Prefix() = default;
-  // Throws SimError when length > 32 or an address bit past the length is set.
+  // Throws HostError when length > 32 or an address bit past the length is set.
   Prefix(uint32_t addr, uint32_t length);
-  // "10.0.0.0/24"; throws SimError naming the text when it is not a canonical IPv4 prefix.
+  // "10.0.0.0/24"; throws HostError naming the text when it is not a canonical IPv4 prefix.
   static Prefix fromText(std::string_view text);
 
   uint32_t addr() const { return addr_; }
@@ -73,9 +73,9 @@ class RoutingResolver : public Core::Reactor {
   // Creates or replaces the route. The vias are sorted, so the same set always makes the same
   // FEC. Applies at once and atomically for the client: a new FEC or status entry is written
   // before the old one is removed, so a next hop never looks unresolved in between. Throws
-  // SimError for an empty via list or a via given twice.
+  // HostError for an empty via list or a via given twice.
   void routeIs(const L3::VrfName& vrfName, const Prefix& prefix, ViaList vias);
-  // Throws SimError when the VRF has no such route.
+  // Throws HostError when the VRF has no such route.
   void routeDel(const L3::VrfName& vrfName, const Prefix& prefix);
   bool routeHas(const L3::VrfName& vrfName, const Prefix& prefix) const;
   // Every VRF's route table, by VRF name.
@@ -84,7 +84,7 @@ class RoutingResolver : public Core::Reactor {
   // IPv4).
   const RouteMatch* longestMatch(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) const;
 
-  // Moves every FEC to the tables of the new mode under new ids. Throws SimError for a mode
+  // Moves every FEC to the tables of the new mode under new ids. Throws HostError for a mode
   // other than 1 (per VRF) or 2 (global). Resolved next hops are rewritten but not atomically,
   // so the host changes the mode only before its client has next hops.
   void fecModeIs(Memtab::Fib::FecMode fecMode);
@@ -102,7 +102,7 @@ class RoutingResolver : public Core::Reactor {
   // Registration changes seen and not yet processed.
   size_t pendingEvents() const { return pendingEvents_; }
 
-  std::string_view typeName() const override { return "Sim::RoutingResolver"; }
+  std::string_view typeName() const override { return "Hosts::RoutingResolver"; }
 
  private:
   friend class detail::NexthopVrfConfigWatch;
@@ -174,7 +174,7 @@ class NexthopVrfConfigWatch : public Core::Reactor {
                                      Core::Ptr<const Routing::NexthopVrfConfig> config) {
     return Ptr(new NexthopVrfConfigWatch(owner, vrfName, std::move(config)));
   }
-  std::string_view typeName() const override { return "Sim::detail::NexthopVrfConfigWatch"; }
+  std::string_view typeName() const override { return "Hosts::detail::NexthopVrfConfigWatch"; }
 
  private:
   NexthopVrfConfigWatch(RoutingResolver* owner, const L3::VrfName& vrfName,
@@ -194,4 +194,4 @@ class NexthopVrfConfigWatch : public Core::Reactor {
 
 }  // namespace detail
 
-}  // namespace Sim
+}  // namespace Hosts

@@ -1,4 +1,5 @@
-#include "platform/sim/SimExplain.h"
+#include "hosts/HostExplain.h"
+#include "hosts/sim/SimHost.h"
 
 #include <gtest/gtest.h>
 
@@ -13,41 +14,41 @@ using FwdTest::ip;
 using FwdTest::key;
 using FwdTest::mac;
 using FwdTest::vrf;
+using Hosts::Prefix;
 using Plane::NextHopInfo;
 using Plane::NextHopKey;
-using Sim::Prefix;
 using Sim::SimHost;
 
 const FwdL3Unicast::NexthopNhIndexResolverKey kRequest = key("red", "10.1.0.1", "Ethernet1");
 const NextHopKey kVia(intf("Ethernet1"), ip("10.0.0.254"));
 
-Sim::RoutingResolver::ViaList via(std::string_view hop, std::string_view intfName) {
+Hosts::RoutingResolver::ViaList via(std::string_view hop, std::string_view intfName) {
   return {Memtab::FibGen::Via(intf(intfName), ip(hop))};
 }
 
 // Puts each link of the chain in place in turn and checks what explain blames at each step.
-class SimExplainTest : public ::testing::Test {
+class Explain : public ::testing::Test {
  protected:
   std::string explained() {
     host.runDue();
-    return Sim::explain(host, kRequest);
+    return Hosts::explain(host, kRequest);
   }
 
   SimHost host;
 };
 
-TEST_F(SimExplainTest, NamesAnUnknownRequest) { EXPECT_EQ(explained(), "no such request"); }
+TEST_F(Explain, NamesAnUnknownRequest) { EXPECT_EQ(explained(), "no such request"); }
 
-TEST_F(SimExplainTest, NamesEveryMissingInputOfAVrf) {
+TEST_F(Explain, NamesEveryMissingInputOfAVrf) {
   host.requestAdd(kRequest);
   // Before the resolver has answered the registration.
-  EXPECT_EQ(Sim::explain(host, kRequest),
+  EXPECT_EQ(Hosts::explain(host, kRequest),
             "VRF red not ready: no routing VRF status (the resolver has not answered yet), no VRF "
             "L3 status");
   EXPECT_EQ(explained(), "VRF red not ready: no VRF L3 status");
 }
 
-TEST_F(SimExplainTest, WalksTheChainLinkByLink) {
+TEST_F(Explain, WalksTheChainLinkByLink) {
   host.requestAdd(kRequest);
   host.vrfAdd(vrf("red"));
   EXPECT_EQ(explained(), "next hop 10.1.0.1 unresolved: no route in VRF red covers it");
@@ -82,7 +83,7 @@ TEST_F(SimExplainTest, WalksTheChainLinkByLink) {
   EXPECT_EQ(explained(), "resolved: via 10.0.0.254, MAC 00:00:00:00:00:01, nhIndex 6");
 }
 
-TEST_F(SimExplainTest, TellsAProactiveArpEntryFromNone) {
+TEST_F(Explain, TellsAProactiveArpEntryFromNone) {
   host.requestAdd(kRequest);
   host.vrfAdd(vrf("red"));
   host.routeAdd(vrf("red"), Prefix::fromText("10.1.0.0/16"), via("10.0.0.254", "Ethernet1"));

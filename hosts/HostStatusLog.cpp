@@ -1,8 +1,8 @@
-#include "platform/sim/SimStatusLog.h"
+#include "hosts/HostStatusLog.h"
 
 #include <utility>
 
-namespace Sim {
+namespace Hosts {
 
 std::string keyText(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
   return key.vrfName().str() + " " + key.nexthop().toString() + " " + key.intfId().name();
@@ -40,4 +40,4 @@ void StatusLog::handleStatus(const FwdL3Unicast::NexthopNhIndexResolverKey& key)
   sink_(line);
 }
 
-}  // namespace Sim
+}  // namespace Hosts

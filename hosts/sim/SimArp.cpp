@@ -1,13 +1,15 @@
-#include "platform/sim/SimArp.h"
+#include "hosts/sim/SimArp.h"
 
 #include <string>
 #include <utility>
 
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 
 namespace Sim {
 
 namespace {
+
+using Hosts::HostError;
 
 std::string keyText(const Plane::NextHopKey& key) {
   return key.intfId().name() + " " + key.addr().toString();
@@ -16,42 +18,38 @@ std::string keyText(const Plane::NextHopKey& key) {
 }  // namespace
 
 ProactiveArpService::Ptr ProactiveArpService::ProactiveArpServiceIs(
-    Core::Ptr<const Arp::ProactiveArp::ClientConfig> clientConfig,
-    Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper, Hub::TaskScheduler::Ptr scheduler) {
-  return Ptr(new ProactiveArpService(std::move(clientConfig), std::move(nextHopInfoWrapper),
+    Hosts::ProactiveArpClients::Ptr clients, Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper,
+    Hub::TaskScheduler::Ptr scheduler) {
+  return Ptr(new ProactiveArpService(std::move(clients), std::move(nextHopInfoWrapper),
                                      std::move(scheduler)));
 }
 
-ProactiveArpService::ProactiveArpService(
-    Core::Ptr<const Arp::ProactiveArp::ClientConfig> clientConfig,
-    Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper, Hub::TaskScheduler::Ptr scheduler)
-    : clientConfig_(std::move(clientConfig)),
+ProactiveArpService::ProactiveArpService(Hosts::ProactiveArpClients::Ptr clients,
+                                         Plane::NextHopInfoWrapper::Ptr nextHopInfoWrapper,
+                                         Hub::TaskScheduler::Ptr scheduler)
+    : clients_(std::move(clients)),
       nextHopInfoWrapper_(std::move(nextHopInfoWrapper)),
       scheduler_(std::move(scheduler)) {
-  CORE_ASSERT(clientConfig_ && nextHopInfoWrapper_ && scheduler_);
+  CORE_ASSERT(clients_ && nextHopInfoWrapper_ && scheduler_);
+  clients_->serviceIs(this);
 }
 
+ProactiveArpService::~ProactiveArpService() { clients_->serviceIs(nullptr); }
+
 void ProactiveArpService::hostIs(const Plane::NextHopKey& key, Netval::EthAddr macAddr) {
-  if (hosts_.contains(key)) throw SimError("host " + keyText(key) + " exists");
+  if (hosts_.contains(key)) throw HostError("host " + keyText(key) + " exists");
   hosts_.emplace(key, macAddr);
   if (wanted(key)) probe(key);
 }
 
 void ProactiveArpService::hostDel(const Plane::NextHopKey& key) {
-  if (hosts_.erase(key) == 0) throw SimError("no host " + keyText(key));
+  if (hosts_.erase(key) == 0) throw HostError("no host " + keyText(key));
 }
 
 std::optional<Netval::EthAddr> ProactiveArpService::host(const Plane::NextHopKey& key) const {
   const auto found = hosts_.find(key);
   if (found == hosts_.end()) return std::nullopt;
   return found->second;
-}
-
-bool ProactiveArpService::wanted(const Plane::NextHopKey& key) const {
-  for (const Arp::ProactiveArp::ClientEntry& entry : clientConfig_->entry()) {
-    if (entry.key() == key) return true;
-  }
-  return false;
 }
 
 uint32_t ProactiveArpService::probeCount(const Plane::NextHopKey& key) const {
@@ -64,14 +62,12 @@ uint32_t ProactiveArpService::replyPendingCount(const Plane::NextHopKey& key) co
   return found == probes_.end() ? 0 : found->second.replyPending;
 }
 
-void ProactiveArpService::handleEntry(const Arp::ProactiveArp::ClientEntry& entry) {
+void ProactiveArpService::arpEntryIs(const Arp::ProactiveArp::ClientEntry& entry, bool present) {
   // A withdrawn entry leaves the neighbour as it is, as a real ARP cache does.
-  if (clientConfig_->entryHas(entry)) probe(entry.key());
+  if (present) probe(entry.key());
 }
 
-void ProactiveArpService::handleResolutionTrigger(const Plane::NextHopKey& key) {
-  if (clientConfig_->resolutionTriggerHas(key)) probe(key);
-}
+void ProactiveArpService::arpResolve(const Plane::NextHopKey& key) { probe(key); }
 
 void ProactiveArpService::probe(const Plane::NextHopKey& key) {
   Probes& probes = probes_[key];

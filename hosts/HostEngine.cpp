@@ -1,13 +1,13 @@
-#include "platform/sim/SimEngine.h"
+#include "hosts/HostEngine.h"
 
 #include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 
-namespace Sim {
+namespace Hosts {
 
 namespace {
 
@@ -33,7 +33,7 @@ ForwardingEngine::ForwardingEngine(FwdL3Unicast::L3Modules::Ptr l3Modules,
 
 void ForwardingEngine::nhTableIs(Netval::IntfId intfId) {
   if (l3Modules_->nextHopModHas(intfId)) {
-    throw SimError("interface " + intfId.name() + " has a next-hop table already");
+    throw HostError("interface " + intfId.name() + " has a next-hop table already");
   }
   l3Modules_->nextHopModIs(FwdL3Unicast::NextHopMod::NextHopModIs(intfId));
   if (autoNhIndex_) programAll(intfId);
@@ -41,7 +41,7 @@ void ForwardingEngine::nhTableIs(Netval::IntfId intfId) {
 
 void ForwardingEngine::nhTableDel(Netval::IntfId intfId) {
   if (!l3Modules_->nextHopModDel(intfId)) {
-    throw SimError("interface " + intfId.name() + " has no next-hop table");
+    throw HostError("interface " + intfId.name() + " has no next-hop table");
   }
   std::erase_if(autoIndex_,
                 [intfId](const auto& member) { return member.first.intfId() == intfId; });
@@ -49,13 +49,13 @@ void ForwardingEngine::nhTableDel(Netval::IntfId intfId) {
 
 FwdL3Unicast::NextHopMod::Ptr ForwardingEngine::table(Netval::IntfId intfId) const {
   FwdL3Unicast::NextHopMod::Ptr mod = l3Modules_->nextHopModMutable(intfId);
-  if (!mod) throw SimError("interface " + intfId.name() + " has no next-hop table");
+  if (!mod) throw HostError("interface " + intfId.name() + " has no next-hop table");
   return mod;
 }
 
 void ForwardingEngine::checkIndex(uint32_t nhIndex) const {
   if (nhIndex == kInvalidNhIndex) {
-    throw SimError("nhIndex " + std::to_string(nhIndex) + " is the invalid index");
+    throw HostError("nhIndex " + std::to_string(nhIndex) + " is the invalid index");
   }
 }
 
@@ -64,8 +64,8 @@ void ForwardingEngine::nhIndexAdd(Netval::IntfId intfId, uint32_t nhIndex,
   checkIndex(nhIndex);
   FwdL3Unicast::NextHopMod::Ptr mod = table(intfId);
   if (mod->nhIndexToMacHas(nhIndex)) {
-    throw SimError("nhIndex " + std::to_string(nhIndex) + " on " + intfId.name() +
-                   " exists (use nhindex replace)");
+    throw HostError("nhIndex " + std::to_string(nhIndex) + " on " + intfId.name() +
+                    " exists (use nhindex replace)");
   }
   mod->nhIndexToMacIs(nhIndex, macAddr);
 }
@@ -81,7 +81,7 @@ void ForwardingEngine::nhIndexReplace(Netval::IntfId intfId, uint32_t nhIndex,
 void ForwardingEngine::nhIndexDel(Netval::IntfId intfId, uint32_t nhIndex) {
   FwdL3Unicast::NextHopMod::Ptr mod = table(intfId);
   if (!mod->nhIndexToMacHas(nhIndex)) {
-    throw SimError("no nhIndex " + std::to_string(nhIndex) + " on " + intfId.name());
+    throw HostError("no nhIndex " + std::to_string(nhIndex) + " on " + intfId.name());
   }
   forgetAuto(intfId, nhIndex);
   mod->nhIndexToMacDel(nhIndex);
@@ -142,4 +142,4 @@ void ForwardingEngine::programAll(Netval::IntfId intfId) {
   for (const Plane::NextHopKey& key : keys) program(key);
 }
 
-}  // namespace Sim
+}  // namespace Hosts

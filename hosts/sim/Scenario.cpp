@@ -1,4 +1,4 @@
-#include "platform/sim/Scenario.h"
+#include "hosts/sim/Scenario.h"
 
 #include <algorithm>
 #include <charconv>
@@ -13,35 +13,21 @@
 #include <vector>
 
 #include "framework/Kiln.h"
-#include "platform/sim/SimError.h"
-#include "platform/sim/SimExplain.h"
+#include "hosts/HostError.h"
+#include "hosts/HostExplain.h"
 
 namespace Sim {
 
-const char* const kScenarioHelp =
-    "Scenario commands (one per line, '#' starts a comment):\n"
-    "  vrf add NAME [id N] | vrf del NAME\n"
-    "  fec-mode 1|2                     (before the first request)\n"
-    "  route add|replace VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...]\n"
-    "  route add|replace VRF PREFIX dev INTF\n"
-    "  route del VRF PREFIX\n"
-    "  neigh add|replace INTF ADDR lladdr MAC [l2 INTF|none] | neigh del INTF ADDR\n"
-    "  host add INTF ADDR MAC | host del INTF ADDR | arp-delay MS\n"
-    "  nh-table add INTF | nh-table del INTF\n"
-    "  nhindex add|replace INTF INDEX MAC | nhindex del INTF INDEX\n"
-    "  engine auto-nhindex on|off\n"
-    "  request add VRF ADDR INTF | request del VRF ADDR INTF\n"
-    "  advance MS | restart | echo TEXT\n"
-    "  show status|arp|routes|neigh|dump | show nh-table [INTF]\n"
-    "  explain VRF ADDR INTF\n"
-    "  expect status VRF ADDR INTF nhindex N | expect status VRF ADDR INTF none\n"
-    "  expect statuses N | expect arp INTF ADDR present|absent\n";
-
 namespace {
 
+using Hosts::HostError;
+using Hosts::keyText;
+using Hosts::Prefix;
+using Hosts::RoutingResolver;
+
 // A line that cannot be run; reported, like the host's refusals, with the line's place.
-struct InputError : SimError {
-  using SimError::SimError;
+struct InputError : HostError {
+  using HostError::HostError;
 };
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
@@ -228,13 +214,15 @@ struct Scenario::Command {
   std::string_view words[2];
   std::string_view usage;
   void (Scenario::*run)(Args&);
+  // Printed after the usage in the help, when not empty.
+  std::string_view note = {};
 };
 
 const Scenario::Command* Scenario::commands(size_t& count) {
   static const Command table[] = {
       {{"vrf", "add"}, "vrf add NAME [id N]", &Scenario::cmdVrfAdd},
       {{"vrf", "del"}, "vrf del NAME", &Scenario::cmdVrfDel},
-      {{"fec-mode"}, "fec-mode 1|2", &Scenario::cmdFecMode},
+      {{"fec-mode"}, "fec-mode 1|2", &Scenario::cmdFecMode, "before the first request"},
       {{"route", "add"},
        "route add VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...] | dev INTF",
        &Scenario::cmdRouteAdd},
@@ -276,6 +264,19 @@ const Scenario::Command* Scenario::commands(size_t& count) {
   };
   count = std::size(table);
   return table;
+}
+
+std::string Scenario::help() {
+  std::string text = "Scenario commands (one per line, '#' starts a comment):\n";
+  size_t count = 0;
+  const Command* table = commands(count);
+  for (size_t i = 0; i < count; ++i) {
+    text += "  ";
+    text += table[i].usage;
+    if (!table[i].note.empty()) text += "  (" + std::string(table[i].note) + ")";
+    text += '\n';
+  }
+  return text;
 }
 
 Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err)
@@ -331,7 +332,7 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
   try {
     (this->*found->run)(args);
     host_.runDue();
-  } catch (const SimError& e) {
+  } catch (const HostError& e) {
     err_ << place << e.what() << '\n';
     return LineResult::error;
   } catch (const std::exception& e) {
@@ -575,7 +576,7 @@ void Scenario::cmdShowNhTable(Args& args) {
   if (args.more()) only = interface(args.next("INTF"));
   args.end();
   if (only && !host_.l3Modules()->nextHopModHas(*only)) {
-    throw SimError("interface " + only->name() + " has no next-hop table");
+    throw HostError("interface " + only->name() + " has no next-hop table");
   }
   std::map<Netval::IntfId, std::map<uint32_t, Netval::EthAddr>> sorted;
   for (const auto& module : host_.l3Modules()->nextHopMod()) {
@@ -601,7 +602,7 @@ void Scenario::cmdShowDump(Args& args) {
 void Scenario::cmdExplain(Args& args) {
   const auto key = requestKey(args);
   args.end();
-  out_ << "explain " << keyText(key) << ": " << explain(host_, key) << '\n';
+  out_ << "explain " << keyText(key) << ": " << Hosts::explain(host_, key) << '\n';
 }
 
 void Scenario::cmdExpectStatus(Args& args) {

@@ -1,23 +1,23 @@
-#include "platform/sim/SimRouting.h"
+#include "hosts/HostRouting.h"
 
 #include <algorithm>
 #include <utility>
 
 #include "framework/Kiln.h"
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 
-namespace Sim {
+namespace Hosts {
 
 Prefix::Prefix(uint32_t addr, uint32_t length) : addr_(addr), length_(length) {
-  if (length > 32) throw SimError("prefix length " + std::to_string(length) + " is over 32");
+  if (length > 32) throw HostError("prefix length " + std::to_string(length) + " is over 32");
   if ((addr & mask(length)) != addr) {
-    throw SimError("prefix " + toString() + " has address bits set past its length");
+    throw HostError("prefix " + toString() + " has address bits set past its length");
   }
 }
 
 Prefix Prefix::fromText(std::string_view text) {
   const auto bad = [&](std::string_view why) {
-    return SimError("bad prefix '" + std::string(text) + "': " + std::string(why));
+    return HostError("bad prefix '" + std::string(text) + "': " + std::string(why));
   };
   const size_t slash = text.find('/');
   if (slash == std::string_view::npos) throw bad("expected ADDRESS/LENGTH");
@@ -73,15 +73,15 @@ RoutingResolver::RoutingResolver(Core::Ptr<const Routing::NexthopConfig> nexthop
 RoutingResolver::~RoutingResolver() = default;
 
 void RoutingResolver::routeIs(const L3::VrfName& vrfName, const Prefix& prefix, ViaList vias) {
-  if (vias.empty()) throw SimError("route " + prefix.toString() + " needs at least one via");
+  if (vias.empty()) throw HostError("route " + prefix.toString() + " needs at least one via");
   std::sort(vias.begin(), vias.end());
   if (auto twice = std::adjacent_find(vias.begin(), vias.end()); twice != vias.end()) {
-    throw SimError("route " + prefix.toString() + " lists via " + twice->hop().toString() +
-                   " dev " + twice->intfId().name() + " twice");
+    throw HostError("route " + prefix.toString() + " lists via " + twice->hop().toString() +
+                    " dev " + twice->intfId().name() + " twice");
   }
   if (vias.size() > Memtab::FibGen::Fec::maxVia) {
-    throw SimError("route " + prefix.toString() + " has more than " +
-                   std::to_string(Memtab::FibGen::Fec::maxVia) + " vias");
+    throw HostError("route " + prefix.toString() + " has more than " +
+                    std::to_string(Memtab::FibGen::Fec::maxVia) + " vias");
   }
   const Memtab::FibGen::ForwardingStatus::Ptr table = fecTable(vrfName);
   RouteTable& vrfRoutes = routes_[vrfName];
@@ -110,7 +110,7 @@ void RoutingResolver::routeIs(const L3::VrfName& vrfName, const Prefix& prefix, 
 void RoutingResolver::routeDel(const L3::VrfName& vrfName, const Prefix& prefix) {
   auto vrfRoutes = routes_.find(vrfName);
   if (vrfRoutes == routes_.end() || !vrfRoutes->second.contains(prefix)) {
-    throw SimError("no route " + prefix.toString() + " in VRF " + vrfName.str());
+    throw HostError("no route " + prefix.toString() + " in VRF " + vrfName.str());
   }
   const auto route = vrfRoutes->second.find(prefix);
   const Memtab::Fib::FecId fecId = route->second.fecId;
@@ -137,8 +137,8 @@ const RoutingResolver::RouteMatch* RoutingResolver::longestMatch(
 
 void RoutingResolver::fecModeIs(Memtab::Fib::FecMode fecMode) {
   if (fecMode != Memtab::Fib::fecModePerVrf() && fecMode != Memtab::Fib::fecModeGlobal()) {
-    throw SimError("FEC mode " + std::to_string(fecMode) +
-                   " is neither 1 (per VRF) nor 2 (global)");
+    throw HostError("FEC mode " + std::to_string(fecMode) +
+                    " is neither 1 (per VRF) nor 2 (global)");
   }
   if (fecMode == this->fecMode()) return;
   fecModeStatus_->fecModeIs(fecMode);
@@ -266,4 +266,4 @@ void RoutingResolver::fecRelease(const Memtab::FibGen::ForwardingStatus::Ptr& ta
   table->fecDel(fecId);
 }
 
-}  // namespace Sim
+}  // namespace Hosts

@@ -1,8 +1,8 @@
-#include "platform/sim/SimEngine.h"
+#include "hosts/HostEngine.h"
 
 #include <gtest/gtest.h>
 
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -10,10 +10,10 @@ namespace {
 using FwdTest::intf;
 using FwdTest::ip;
 using FwdTest::mac;
+using Hosts::ForwardingEngine;
+using Hosts::HostError;
 using Plane::NextHopInfo;
 using Plane::NextHopKey;
-using Sim::ForwardingEngine;
-using Sim::SimError;
 
 struct EngineWorld {
   FwdL3Unicast::L3Modules::Ptr l3Modules = FwdL3Unicast::L3Modules::L3ModulesIs();
@@ -31,7 +31,7 @@ struct EngineWorld {
   }
 };
 
-TEST(SimForwardingEngine, ProgramsEntriesByHand) {
+TEST(ForwardingEngine, ProgramsEntriesByHand) {
   EngineWorld world;
   world.engine->nhTableIs(intf("Ethernet1"));
   world.engine->nhIndexAdd(intf("Ethernet1"), 17, mac("00:00:00:00:00:01"));
@@ -45,25 +45,25 @@ TEST(SimForwardingEngine, ProgramsEntriesByHand) {
   EXPECT_FALSE(world.table("Ethernet1"));
 }
 
-TEST(SimForwardingEngine, RefusesWhatTheEngineCannotDo) {
+TEST(ForwardingEngine, RefusesWhatTheEngineCannotDo) {
   EngineWorld world;
-  EXPECT_THROW(world.engine->nhIndexAdd(intf("Ethernet1"), 1, mac("00:00:00:00:00:01")), SimError);
-  EXPECT_THROW(world.engine->nhTableDel(intf("Ethernet1")), SimError);
+  EXPECT_THROW(world.engine->nhIndexAdd(intf("Ethernet1"), 1, mac("00:00:00:00:00:01")), HostError);
+  EXPECT_THROW(world.engine->nhTableDel(intf("Ethernet1")), HostError);
   world.engine->nhTableIs(intf("Ethernet1"));
-  EXPECT_THROW(world.engine->nhTableIs(intf("Ethernet1")), SimError);
+  EXPECT_THROW(world.engine->nhTableIs(intf("Ethernet1")), HostError);
   EXPECT_THROW(world.engine->nhIndexAdd(intf("Ethernet1"), 0xFFFFFFFFu, mac("00:00:00:00:00:01")),
-               SimError);
+               HostError);
   EXPECT_THROW(
       world.engine->nhIndexReplace(intf("Ethernet1"), 0xFFFFFFFFu, mac("00:00:00:00:00:01")),
-      SimError);
+      HostError);
   world.engine->nhIndexAdd(intf("Ethernet1"), 1, mac("00:00:00:00:00:01"));
-  EXPECT_THROW(world.engine->nhIndexAdd(intf("Ethernet1"), 1, mac("00:00:00:00:00:02")), SimError);
-  EXPECT_THROW(world.engine->nhIndexDel(intf("Ethernet1"), 2), SimError);
+  EXPECT_THROW(world.engine->nhIndexAdd(intf("Ethernet1"), 1, mac("00:00:00:00:00:02")), HostError);
+  EXPECT_THROW(world.engine->nhIndexDel(intf("Ethernet1"), 2), HostError);
   EXPECT_EQ(world.table("Ethernet1")->nhIndexToMacCount(), 1u);
   EXPECT_EQ(world.table("Ethernet1")->nhIndexToMac(1), mac("00:00:00:00:00:01"));
 }
 
-TEST(SimForwardingEngine, AutoProgrammingGivesEachResolvedNeighbourTheLowestFreeIndex) {
+TEST(ForwardingEngine, AutoProgrammingGivesEachResolvedNeighbourTheLowestFreeIndex) {
   EngineWorld world;
   world.engine->nhTableIs(intf("Ethernet1"));
   world.engine->nhIndexAdd(intf("Ethernet1"), 1, mac("00:00:00:00:00:99"));
@@ -78,7 +78,7 @@ TEST(SimForwardingEngine, AutoProgrammingGivesEachResolvedNeighbourTheLowestFree
   EXPECT_EQ(world.engine->autoNhIndexOf(NextHopKey(intf("Ethernet2"), ip("10.0.1.1"))), 0u);
 }
 
-TEST(SimForwardingEngine, AutoProgrammingFollowsAMacMoveInPlace) {
+TEST(ForwardingEngine, AutoProgrammingFollowsAMacMoveInPlace) {
   EngineWorld world;
   world.engine->nhTableIs(intf("Ethernet1"));
   world.engine->autoNhIndexIs(true);
@@ -88,7 +88,7 @@ TEST(SimForwardingEngine, AutoProgrammingFollowsAMacMoveInPlace) {
   EXPECT_EQ(world.table("Ethernet1")->nhIndexToMac(1), mac("00:00:00:00:00:05"));
 }
 
-TEST(SimForwardingEngine, AutoProgrammingFreesTheIndexOfAnUnresolvedNeighbour) {
+TEST(ForwardingEngine, AutoProgrammingFreesTheIndexOfAnUnresolvedNeighbour) {
   EngineWorld world;
   world.engine->nhTableIs(intf("Ethernet1"));
   world.engine->autoNhIndexIs(true);
@@ -101,7 +101,7 @@ TEST(SimForwardingEngine, AutoProgrammingFreesTheIndexOfAnUnresolvedNeighbour) {
   EXPECT_EQ(world.table("Ethernet1")->nhIndexToMacCount(), 0u);
 }
 
-TEST(SimForwardingEngine, ProgramsKnownNeighboursWhenSwitchedOnOrWhenATableArrives) {
+TEST(ForwardingEngine, ProgramsKnownNeighboursWhenSwitchedOnOrWhenATableArrives) {
   EngineWorld world;
   world.neighbourIs("Ethernet1", "10.0.0.2", "00:00:00:00:00:02");
   world.neighbourIs("Ethernet1", "10.0.0.1", "00:00:00:00:00:01");
@@ -116,7 +116,7 @@ TEST(SimForwardingEngine, ProgramsKnownNeighboursWhenSwitchedOnOrWhenATableArriv
   EXPECT_EQ(world.table("Ethernet2")->nhIndexToMac(1), mac("00:00:00:00:00:03"));
 }
 
-TEST(SimForwardingEngine, SwitchedOffItKeepsWhatItProgrammed) {
+TEST(ForwardingEngine, SwitchedOffItKeepsWhatItProgrammed) {
   EngineWorld world;
   world.engine->nhTableIs(intf("Ethernet1"));
   world.engine->autoNhIndexIs(true);
@@ -127,7 +127,7 @@ TEST(SimForwardingEngine, SwitchedOffItKeepsWhatItProgrammed) {
   EXPECT_EQ(world.engine->autoNhIndexOf(NextHopKey(intf("Ethernet1"), ip("10.0.0.1"))), 0u);
 }
 
-TEST(SimForwardingEngine, AHandSetEntryTakesOverAnAutoProgrammedIndex) {
+TEST(ForwardingEngine, AHandSetEntryTakesOverAnAutoProgrammedIndex) {
   EngineWorld world;
   world.engine->nhTableIs(intf("Ethernet1"));
   world.engine->autoNhIndexIs(true);

@@ -10,7 +10,7 @@
 #include "platform/L3Modules.h"
 #include "platform/Plane.h"
 
-namespace Sim {
+namespace Hosts {
 
 // The host's forwarding engine: writes one NextHopMod per interface with a next-hop table into
 // L3Modules, and its nhIndex -> MAC entries, set by hand or, with auto-programming on, following
@@ -22,17 +22,17 @@ class ForwardingEngine : public Core::Reactor {
   static Ptr ForwardingEngineIs(FwdL3Unicast::L3Modules::Ptr l3Modules,
                                 Core::Ptr<const Plane::NextHopInfoWrapper> nextHopInfoWrapper);
 
-  // Throws SimError when the interface has a table already.
+  // Throws HostError when the interface has a table already.
   void nhTableIs(Netval::IntfId intfId);
-  // Throws SimError when the interface has no table.
+  // Throws HostError when the interface has no table.
   void nhTableDel(Netval::IntfId intfId);
 
-  // Programs a new entry. Throws SimError without a table, for the invalid index or when the
+  // Programs a new entry. Throws HostError without a table, for the invalid index or when the
   // index is programmed already.
   void nhIndexAdd(Netval::IntfId intfId, uint32_t nhIndex, Netval::EthAddr macAddr);
-  // Programs or reprograms an entry. Throws SimError without a table or for the invalid index.
+  // Programs or reprograms an entry. Throws HostError without a table or for the invalid index.
   void nhIndexReplace(Netval::IntfId intfId, uint32_t nhIndex, Netval::EthAddr macAddr);
-  // Throws SimError when the entry is not programmed.
+  // Throws HostError when the entry is not programmed.
   void nhIndexDel(Netval::IntfId intfId, uint32_t nhIndex);
 
   // Auto-programming gives every resolved neighbour (MAC and L2 interface known) on an interface
@@ -44,7 +44,7 @@ class ForwardingEngine : public Core::Reactor {
   // The index auto-programming gave the neighbour; 0 when none.
   uint32_t autoNhIndexOf(const Plane::NextHopKey& key) const;
 
-  std::string_view typeName() const override { return "Sim::ForwardingEngine"; }
+  std::string_view typeName() const override { return "Hosts::ForwardingEngine"; }
 
  private:
   ForwardingEngine(FwdL3Unicast::L3Modules::Ptr l3Modules,
@@ -67,4 +67,4 @@ class ForwardingEngine : public Core::Reactor {
       nextHopInfoSlot_{this, Plane::NextHopInfoWrapper::nextHopInfoAttr, nextHopInfoWrapper_.get()};
 };
 
-}  // namespace Sim
+}  // namespace Hosts

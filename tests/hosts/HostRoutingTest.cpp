@@ -1,11 +1,11 @@
-#include "platform/sim/SimRouting.h"
+#include "hosts/HostRouting.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -13,13 +13,13 @@ namespace {
 using FwdTest::intf;
 using FwdTest::ip;
 using FwdTest::vrf;
+using Hosts::HostError;
+using Hosts::Prefix;
+using Hosts::RoutingResolver;
 using Memtab::Fib::FecId;
 using Memtab::FibGen::ForwardingStatus;
 using Memtab::FibGen::Via;
 using Routing::NexthopConfigEntry;
-using Sim::Prefix;
-using Sim::RoutingResolver;
-using Sim::SimError;
 
 // The resolver with every platform object it serves, and the client's side of the registration.
 struct RoutingWorld {
@@ -57,23 +57,23 @@ std::vector<std::string> vrfNames(const FwdTest::KeyRecorder<L3::VrfName>& recor
   return out;
 }
 
-TEST(SimPrefix, ParsesCanonicalIpv4Prefixes) {
+TEST(Prefix, ParsesCanonicalIpv4Prefixes) {
   EXPECT_EQ(prefix("10.1.0.0/16").toString(), "10.1.0.0/16");
   EXPECT_EQ(prefix("0.0.0.0/0").length(), 0u);
   EXPECT_TRUE(prefix("10.1.0.0/16").contains(ip("10.1.200.3").v4()));
   EXPECT_FALSE(prefix("10.1.0.0/16").contains(ip("10.2.0.1").v4()));
 }
 
-TEST(SimPrefix, RefusesWhatIsNotACanonicalIpv4Prefix) {
+TEST(Prefix, RefusesWhatIsNotACanonicalIpv4Prefix) {
   for (std::string_view bad : {"10.1.0.0", "10.1.0.1/16", "10.1.0.0/33", "10.1.0.0/x", "::1/64",
                                "10.1.0/16", "10.1.0.0/", "10.1.0.0/-1"}) {
-    EXPECT_THROW(prefix(bad), SimError) << bad;
+    EXPECT_THROW(prefix(bad), HostError) << bad;
   }
-  EXPECT_THROW(Prefix(ip("10.0.0.1").v4(), 24), SimError);
-  EXPECT_THROW(Prefix(0, 40), SimError);
+  EXPECT_THROW(Prefix(ip("10.0.0.1").v4(), 24), HostError);
+  EXPECT_THROW(Prefix(0, 40), HostError);
 }
 
-TEST(SimRoutingResolver, AnswersARegistrationOnlyAfterTheClientReturns) {
+TEST(RoutingResolver, AnswersARegistrationOnlyAfterTheClientReturns) {
   RoutingWorld world;
   world.nexthopConfig->vrfIs(vrf("red"), Routing::fecIdTypeDefault);
   EXPECT_FALSE(world.nexthopStatus->vrfHas(vrf("red")));
@@ -84,7 +84,7 @@ TEST(SimRoutingResolver, AnswersARegistrationOnlyAfterTheClientReturns) {
   EXPECT_EQ(world.resolver->pendingEvents(), 0u);
 }
 
-TEST(SimRoutingResolver, NeverCoalescesAWithdrawalAndARegistration) {
+TEST(RoutingResolver, NeverCoalescesAWithdrawalAndARegistration) {
   RoutingWorld world;
   world.registered("red", {});
   auto recorder = FwdTest::KeyRecorder<L3::VrfName>::KeyRecorderIs(world.nexthopStatus.get(),
@@ -102,7 +102,7 @@ TEST(SimRoutingResolver, NeverCoalescesAWithdrawalAndARegistration) {
   EXPECT_NE(world.nexthopStatus->vrf(vrf("red")), before);
 }
 
-TEST(SimRoutingResolver, ProcessesRegistrationsOfSeveralVrfsInOrder) {
+TEST(RoutingResolver, ProcessesRegistrationsOfSeveralVrfsInOrder) {
   RoutingWorld world;
   std::vector<std::string> seen;
   auto recorder = FwdTest::KeyRecorder<L3::VrfName>::KeyRecorderIs(world.nexthopStatus.get(),
@@ -118,7 +118,7 @@ TEST(SimRoutingResolver, ProcessesRegistrationsOfSeveralVrfsInOrder) {
   EXPECT_EQ(seen, (std::vector<std::string>{"+red", "+blue", "-red", "+green"}));
 }
 
-TEST(SimRoutingResolver, ResolvesByLongestPrefixMatch) {
+TEST(RoutingResolver, ResolvesByLongestPrefixMatch) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("0.0.0.0/0"), vias({{"10.0.0.1", "Ethernet1"}}));
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.2", "Ethernet1"}}));
@@ -135,7 +135,7 @@ TEST(SimRoutingResolver, ResolvesByLongestPrefixMatch) {
   EXPECT_EQ(world.resolver->longestMatch(vrf("blue"), ip("10.1.2.3")), nullptr);
 }
 
-TEST(SimRoutingResolver, LeavesANextHopWithoutRouteUnresolved) {
+TEST(RoutingResolver, LeavesANextHopWithoutRouteUnresolved) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.2", "Ethernet1"}}));
   const auto status = world.registered("red", {"10.2.0.1"});
@@ -145,7 +145,7 @@ TEST(SimRoutingResolver, LeavesANextHopWithoutRouteUnresolved) {
   EXPECT_FALSE(status->isNexthopResolved(ip("10.2.0.1")));
 }
 
-TEST(SimRoutingResolver, ResolvesNextHopsRegisteredLaterAsTasks) {
+TEST(RoutingResolver, ResolvesNextHopsRegisteredLaterAsTasks) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.2", "Ethernet1"}}));
   const auto status = world.registered("red", {});
@@ -159,7 +159,7 @@ TEST(SimRoutingResolver, ResolvesNextHopsRegisteredLaterAsTasks) {
   EXPECT_FALSE(status->isNexthopResolved(ip("10.1.0.1")));
 }
 
-TEST(SimRoutingResolver, RoutesWithTheSameViaSetShareOneFec) {
+TEST(RoutingResolver, RoutesWithTheSameViaSetShareOneFec) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"),
                           vias({{"10.0.0.2", "Ethernet2"}, {"10.0.0.1", "Ethernet1"}}));
@@ -180,7 +180,7 @@ TEST(SimRoutingResolver, RoutesWithTheSameViaSetShareOneFec) {
   EXPECT_FALSE(world.global->fecHas(shared));
 }
 
-TEST(SimRoutingResolver, ChangesTheFecOfItsOnlyRouteInPlace) {
+TEST(RoutingResolver, ChangesTheFecOfItsOnlyRouteInPlace) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.1", "Ethernet1"}}));
   const auto status = world.registered("red", {"10.1.0.1"});
@@ -196,7 +196,7 @@ TEST(SimRoutingResolver, ChangesTheFecOfItsOnlyRouteInPlace) {
   EXPECT_EQ(world.global->fec(fecId).via(Memtab::Fib::ViaIndex(0)).hop(), ip("10.0.0.9"));
 }
 
-TEST(SimRoutingResolver, MovesNextHopsToAnotherFecWithoutUnresolvingThem) {
+TEST(RoutingResolver, MovesNextHopsToAnotherFecWithoutUnresolvingThem) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.1", "Ethernet1"}}));
   world.resolver->routeIs(vrf("red"), prefix("10.9.0.0/16"), vias({{"10.0.0.2", "Ethernet1"}}));
@@ -222,7 +222,7 @@ TEST(SimRoutingResolver, MovesNextHopsToAnotherFecWithoutUnresolvingThem) {
   EXPECT_EQ(world.global->fecCount(), 1u);
 }
 
-TEST(SimRoutingResolver, KeepsRoutesWhenAVrfIsNotRegistered) {
+TEST(RoutingResolver, KeepsRoutesWhenAVrfIsNotRegistered) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.1", "Ethernet1"}}));
   world.registered("red", {"10.1.0.1"});
@@ -234,7 +234,7 @@ TEST(SimRoutingResolver, KeepsRoutesWhenAVrfIsNotRegistered) {
   EXPECT_TRUE(status->isNexthopResolved(ip("10.1.0.1")));
 }
 
-TEST(SimRoutingResolver, IgnoresNextHopChangesOfAWithdrawnRegistration) {
+TEST(RoutingResolver, IgnoresNextHopChangesOfAWithdrawnRegistration) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.1", "Ethernet1"}}));
   world.registered("red", {"10.1.0.1"});
@@ -248,18 +248,18 @@ TEST(SimRoutingResolver, IgnoresNextHopChangesOfAWithdrawnRegistration) {
   EXPECT_EQ(status->nexthopCount(), 0u);
 }
 
-TEST(SimRoutingResolver, RefusesBadRoutes) {
+TEST(RoutingResolver, RefusesBadRoutes) {
   RoutingWorld world;
-  EXPECT_THROW(world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), {}), SimError);
+  EXPECT_THROW(world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), {}), HostError);
   EXPECT_THROW(
       world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"),
                               vias({{"10.0.0.1", "Ethernet1"}, {"10.0.0.1", "Ethernet1"}})),
-      SimError);
-  EXPECT_THROW(world.resolver->routeDel(vrf("red"), prefix("10.1.0.0/16")), SimError);
+      HostError);
+  EXPECT_THROW(world.resolver->routeDel(vrf("red"), prefix("10.1.0.0/16")), HostError);
   EXPECT_EQ(world.global->fecCount(), 0u);
 }
 
-TEST(SimRoutingResolver, KeepsEachVrfsFecsInItsOwnTableInPerVrfMode) {
+TEST(RoutingResolver, KeepsEachVrfsFecsInItsOwnTableInPerVrfMode) {
   RoutingWorld world;
   world.resolver->fecModeIs(Memtab::Fib::fecModePerVrf());
   EXPECT_EQ(world.fecModeStatus->fecMode(), Memtab::Fib::fecModePerVrf());
@@ -277,7 +277,7 @@ TEST(SimRoutingResolver, KeepsEachVrfsFecsInItsOwnTableInPerVrfMode) {
   EXPECT_FALSE(world.entityManager->entityHas(RoutingResolver::vrfTablePath(vrf("default"))));
 }
 
-TEST(SimRoutingResolver, PublishesAVrfsTableWhenTheVrfIsRegistered) {
+TEST(RoutingResolver, PublishesAVrfsTableWhenTheVrfIsRegistered) {
   RoutingWorld world;
   world.resolver->fecModeIs(Memtab::Fib::fecModePerVrf());
   const std::string path = RoutingResolver::vrfTablePath(vrf("blue"));
@@ -291,7 +291,7 @@ TEST(SimRoutingResolver, PublishesAVrfsTableWhenTheVrfIsRegistered) {
   EXPECT_EQ(world.entityManager->entity(path), table);
 }
 
-TEST(SimRoutingResolver, MovesEveryFecWhenTheModeChanges) {
+TEST(RoutingResolver, MovesEveryFecWhenTheModeChanges) {
   RoutingWorld world;
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.1", "Ethernet1"}}));
   EXPECT_EQ(world.global->fecCount(), 1u);
@@ -299,8 +299,8 @@ TEST(SimRoutingResolver, MovesEveryFecWhenTheModeChanges) {
   EXPECT_EQ(world.global->fecCount(), 0u);
   const FecId fecId = world.resolver->routes().at(vrf("red")).at(prefix("10.1.0.0/16")).fecId;
   EXPECT_TRUE(world.resolver->fecTable(vrf("red"))->fecHas(fecId));
-  EXPECT_THROW(world.resolver->fecModeIs(3), SimError);
-  EXPECT_THROW(world.resolver->fecModeIs(0), SimError);
+  EXPECT_THROW(world.resolver->fecModeIs(3), HostError);
+  EXPECT_THROW(world.resolver->fecModeIs(0), HostError);
 }
 
 }  // namespace

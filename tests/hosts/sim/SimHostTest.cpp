@@ -1,4 +1,4 @@
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/SimHost.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -16,13 +16,13 @@ using FwdTest::ip;
 using FwdTest::key;
 using FwdTest::mac;
 using FwdTest::vrf;
+using Hosts::HostError;
+using Hosts::Prefix;
 using Plane::NextHopInfo;
 using Plane::NextHopKey;
-using Sim::Prefix;
-using Sim::SimError;
 using Sim::SimHost;
 
-Sim::RoutingResolver::ViaList via(std::string_view hop, std::string_view intfName) {
+Hosts::RoutingResolver::ViaList via(std::string_view hop, std::string_view intfName) {
   return {Memtab::FibGen::Via(intf(intfName), ip(hop))};
 }
 
@@ -92,13 +92,13 @@ TEST(SimHost, ConvergesAfterARestart) {
 TEST(SimHost, RefusesBadRequestsBeforeTheModuleSeesThem) {
   HostWorld world;
   world.host.requestAdd(key("red", "10.1.0.1", "Ethernet1"));
-  EXPECT_THROW(world.host.requestAdd(key("red", "10.1.0.1", "Ethernet1")), SimError);
-  EXPECT_THROW(world.host.requestAdd(key("red", "0.0.0.0", "Ethernet1")), SimError);
-  EXPECT_THROW(world.host.requestAdd(key("red", "2001:db8::1", "Ethernet1")), SimError);
+  EXPECT_THROW(world.host.requestAdd(key("red", "10.1.0.1", "Ethernet1")), HostError);
+  EXPECT_THROW(world.host.requestAdd(key("red", "0.0.0.0", "Ethernet1")), HostError);
+  EXPECT_THROW(world.host.requestAdd(key("red", "2001:db8::1", "Ethernet1")), HostError);
   EXPECT_THROW(world.host.requestAdd(FwdL3Unicast::NexthopNhIndexResolverKey(
                    vrf("red"), Netval::IpGenAddr(), intf("Ethernet1"))),
-               SimError);
-  EXPECT_THROW(world.host.requestDel(key("red", "10.1.0.9", "Ethernet1")), SimError);
+               HostError);
+  EXPECT_THROW(world.host.requestDel(key("red", "10.1.0.9", "Ethernet1")), HostError);
   EXPECT_EQ(world.host.configDir()->configCount(), 1u);
 }
 
@@ -106,11 +106,11 @@ TEST(SimHost, TakesTheFecModeOnlyBeforeTheFirstRequest) {
   HostWorld world;
   world.host.fecModeIs(Memtab::Fib::fecModePerVrf());
   EXPECT_EQ(world.host.fecModeStatus()->fecMode(), Memtab::Fib::fecModePerVrf());
-  EXPECT_THROW(world.host.fecModeIs(5), SimError);
+  EXPECT_THROW(world.host.fecModeIs(5), HostError);
   world.host.requestAdd(key("red", "10.1.0.1", "Ethernet1"));
   world.host.runDue();
   world.host.requestDel(key("red", "10.1.0.1", "Ethernet1"));
-  EXPECT_THROW(world.host.fecModeIs(Memtab::Fib::fecModeGlobal()), SimError);
+  EXPECT_THROW(world.host.fecModeIs(Memtab::Fib::fecModeGlobal()), HostError);
   EXPECT_EQ(world.host.fecModeStatus()->fecMode(), Memtab::Fib::fecModePerVrf());
 }
 
@@ -125,25 +125,25 @@ TEST(SimHost, GivesVrfsTheLowestFreeIdAndRefusesClashes) {
   EXPECT_EQ(host.vrfStatusAll()->vrfId(vrf("white")), 4u);
   ASSERT_TRUE(host.vrfStatusAll()->vrfStatus(vrf("blue")));
   EXPECT_EQ(host.vrfStatusAll()->vrfStatus(vrf("blue"))->vrfId(), 3u);
-  EXPECT_THROW(host.vrfAdd(vrf("red")), SimError);
-  EXPECT_THROW(host.vrfAdd(vrf("black"), 3), SimError);
-  EXPECT_THROW(host.vrfAdd(vrf("black"), 0), SimError);
+  EXPECT_THROW(host.vrfAdd(vrf("red")), HostError);
+  EXPECT_THROW(host.vrfAdd(vrf("black"), 3), HostError);
+  EXPECT_THROW(host.vrfAdd(vrf("black"), 0), HostError);
   host.vrfDel(vrf("blue"));
   EXPECT_FALSE(host.vrfStatusAll()->vrfIdHas(vrf("blue")));
   EXPECT_FALSE(host.vrfStatusAll()->vrfStatusHas(vrf("blue")));
-  EXPECT_THROW(host.vrfDel(vrf("blue")), SimError);
+  EXPECT_THROW(host.vrfDel(vrf("blue")), HostError);
 }
 
 TEST(SimHost, RefusesDuplicateAndAbsentHostState) {
   HostWorld world;
   const NextHopKey neighbour(intf("Ethernet1"), ip("10.0.0.254"));
-  EXPECT_THROW(world.host.neighAdd(neighbour, NextHopInfo()), SimError);
+  EXPECT_THROW(world.host.neighAdd(neighbour, NextHopInfo()), HostError);
   world.host.neighDel(neighbour);
-  EXPECT_THROW(world.host.neighDel(neighbour), SimError);
+  EXPECT_THROW(world.host.neighDel(neighbour), HostError);
   EXPECT_THROW(world.host.routeAdd(vrf("red"), Prefix::fromText("10.1.0.0/16"),
                                    via("10.0.0.253", "Ethernet1")),
-               SimError);
-  EXPECT_THROW(world.host.routeDel(vrf("red"), Prefix::fromText("10.2.0.0/16")), SimError);
+               HostError);
+  EXPECT_THROW(world.host.routeDel(vrf("red"), Prefix::fromText("10.2.0.0/16")), HostError);
   world.host.routeReplace(vrf("red"), Prefix::fromText("10.1.0.0/16"),
                           via("10.0.0.253", "Ethernet1"));
   EXPECT_EQ(world.host.routing()->routes().at(vrf("red")).at(Prefix::fromText("10.1.0.0/16")).vias,

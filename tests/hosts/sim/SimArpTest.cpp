@@ -1,8 +1,8 @@
-#include "platform/sim/SimArp.h"
+#include "hosts/sim/SimArp.h"
 
 #include <gtest/gtest.h>
 
-#include "platform/sim/SimError.h"
+#include "hosts/HostError.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -10,10 +10,10 @@ namespace {
 using FwdTest::intf;
 using FwdTest::ip;
 using FwdTest::mac;
+using Hosts::HostError;
 using Plane::NextHopInfo;
 using Plane::NextHopKey;
 using Sim::ProactiveArpService;
-using Sim::SimError;
 
 // Proactive ARP as the module drives it: through a real ProactiveArpNexthopSm client.
 struct ArpWorld {
@@ -21,8 +21,10 @@ struct ArpWorld {
   Arp::ProactiveArp::ClientConfig::Ptr clientConfig =
       Arp::ProactiveArp::ClientConfig::ClientConfigIs();
   Plane::NextHopInfoWrapper::Ptr neighbours = Plane::NextHopInfoWrapper::NextHopInfoWrapperIs();
+  Hosts::ProactiveArpClients::Ptr clients =
+      Hosts::ProactiveArpClients::ProactiveArpClientsIs(clientConfig);
   ProactiveArpService::Ptr arp =
-      ProactiveArpService::ProactiveArpServiceIs(clientConfig, neighbours, scheduler);
+      ProactiveArpService::ProactiveArpServiceIs(clients, neighbours, scheduler);
   Plane::ProactiveArpNexthopSm::Ptr client =
       Plane::ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(clientConfig);
 };
@@ -30,7 +32,7 @@ struct ArpWorld {
 const NextHopKey kVia(intf("Ethernet1"), ip("10.0.0.254"));
 const Netval::EthAddr kMac = mac("00:1c:73:00:00:01");
 
-TEST(SimProactiveArp, AHostAnswersAfterTheArpDelay) {
+TEST(ProactiveArpService, AHostAnswersAfterTheArpDelay) {
   ArpWorld world;
   world.arp->arpDelayIs(5);
   world.arp->hostIs(kVia, kMac);
@@ -45,7 +47,7 @@ TEST(SimProactiveArp, AHostAnswersAfterTheArpDelay) {
   EXPECT_EQ(world.arp->replyPendingCount(kVia), 0u);
 }
 
-TEST(SimProactiveArp, NobodyAnswersWithoutAHost) {
+TEST(ProactiveArpService, NobodyAnswersWithoutAHost) {
   ArpWorld world;
   world.client->addEntry(kVia, 1001);
   world.scheduler->advanceBy(100);
@@ -57,7 +59,7 @@ TEST(SimProactiveArp, NobodyAnswersWithoutAHost) {
   EXPECT_FALSE(world.neighbours->nextHopInfoHas(kVia));
 }
 
-TEST(SimProactiveArp, ProbesAHostThatJoinsWhileTheNeighbourIsWanted) {
+TEST(ProactiveArpService, ProbesAHostThatJoinsWhileTheNeighbourIsWanted) {
   ArpWorld world;
   world.client->addEntry(kVia, 1001);
   world.scheduler->advanceBy(10);
@@ -67,7 +69,7 @@ TEST(SimProactiveArp, ProbesAHostThatJoinsWhileTheNeighbourIsWanted) {
   EXPECT_TRUE(world.neighbours->nextHopInfoHas(kVia));
 }
 
-TEST(SimProactiveArp, AResolutionTriggerSendsAProbe) {
+TEST(ProactiveArpService, AResolutionTriggerSendsAProbe) {
   ArpWorld world;
   world.arp->hostIs(kVia, kMac);
   world.neighbours->nextHopInfoIs(kVia, NextHopInfo(Netval::IntfId(), kMac));
@@ -77,7 +79,7 @@ TEST(SimProactiveArp, AResolutionTriggerSendsAProbe) {
   EXPECT_EQ(world.neighbours->nextHopInfo(kVia).l2Intf(), intf("Ethernet1"));
 }
 
-TEST(SimProactiveArp, AHostGoneBeforeItsReplyLeavesNoNeighbour) {
+TEST(ProactiveArpService, AHostGoneBeforeItsReplyLeavesNoNeighbour) {
   ArpWorld world;
   world.arp->arpDelayIs(3);
   world.arp->hostIs(kVia, kMac);
@@ -88,7 +90,7 @@ TEST(SimProactiveArp, AHostGoneBeforeItsReplyLeavesNoNeighbour) {
   EXPECT_EQ(world.arp->replyPendingCount(kVia), 0u);
 }
 
-TEST(SimProactiveArp, AWithdrawnEntryKeepsItsNeighbour) {
+TEST(ProactiveArpService, AWithdrawnEntryKeepsItsNeighbour) {
   ArpWorld world;
   world.arp->hostIs(kVia, kMac);
   world.client->addEntry(kVia, 1001);
@@ -100,17 +102,17 @@ TEST(SimProactiveArp, AWithdrawnEntryKeepsItsNeighbour) {
   EXPECT_EQ(world.arp->probeCount(kVia), 1u);
 }
 
-TEST(SimProactiveArp, RefusesADuplicateHostAndTheDeleteOfAnAbsentOne) {
+TEST(ProactiveArpService, RefusesADuplicateHostAndTheDeleteOfAnAbsentOne) {
   ArpWorld world;
   world.arp->hostIs(kVia, kMac);
-  EXPECT_THROW(world.arp->hostIs(kVia, mac("00:1c:73:00:00:02")), SimError);
+  EXPECT_THROW(world.arp->hostIs(kVia, mac("00:1c:73:00:00:02")), HostError);
   EXPECT_EQ(world.arp->host(kVia), kMac);
   world.arp->hostDel(kVia);
-  EXPECT_THROW(world.arp->hostDel(kVia), SimError);
+  EXPECT_THROW(world.arp->hostDel(kVia), HostError);
   EXPECT_FALSE(world.arp->host(kVia));
 }
 
-TEST(SimProactiveArp, AQueuedReplyOutlivingTheServiceDoesNothing) {
+TEST(ProactiveArpService, AQueuedReplyOutlivingTheServiceDoesNothing) {
   ArpWorld world;
   world.arp->hostIs(kVia, kMac);
   world.client->addEntry(kVia, 1001);

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/sim/SimHost.h"
+#include "hosts/sim/SimHost.h"
 
 namespace Sim {
 
@@ -15,7 +15,7 @@ namespace detail {
 class ScenarioArgs;
 }
 
-// The simulator's scenario language (commands in kScenarioHelp): runs each line's command on a
+// The simulator's scenario language (commands in help()): runs each line's command on a
 // SimHost, then every task due now. Status lines and command output go to `out`; refused input
 // ("FILE:LINE: message") and failed expectations ("FILE:LINE: expected ..., found ...") to `err`.
 class Scenario {
@@ -38,6 +38,10 @@ class Scenario {
   // Runs lines read from `in` until its end. Interactive: writes a prompt before each line,
   // reports refused lines and goes on; otherwise as runText.
   ExitStatus runStream(std::istream& in, std::string_view file, bool interactive);
+
+  // The command summary that `nexthop-sim --help` prints: one line per command, made from the
+  // same table that runs them.
+  static std::string help();
 
  private:
   using Args = detail::ScenarioArgs;
@@ -90,8 +94,5 @@ class Scenario {
   // Set by a failed expectation of the line being run.
   std::string failure_;
 };
-
-// The command summary that `nexthop-sim --help` prints.
-extern const char* const kScenarioHelp;
 
 }  // namespace Sim

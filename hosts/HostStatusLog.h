@@ -9,7 +9,7 @@
 #include "framework/CoreReactor.h"
 #include "framework/Hub.h"
 
-namespace Sim {
+namespace Hosts {
 
 // "red 10.0.0.1 Ethernet1": a request key as the simulator prints and reads it.
 std::string keyText(const FwdL3Unicast::NexthopNhIndexResolverKey& key);
@@ -29,7 +29,7 @@ class StatusLog : public Core::Reactor {
   // A null sink drops the lines.
   void sinkIs(Sink sink) { sink_ = std::move(sink); }
 
-  std::string_view typeName() const override { return "Sim::StatusLog"; }
+  std::string_view typeName() const override { return "Hosts::StatusLog"; }
 
  private:
   StatusLog(Core::Ptr<const FwdL3Unicast::NexthopNhIndexResolverStatusDir> statusDir,
@@ -46,4 +46,4 @@ class StatusLog : public Core::Reactor {
                   statusDir_.get()};
 };
 
-}  // namespace Sim
+}  // namespace Hosts

@@ -1,0 +1,110 @@
+#include "hosts/ModuleHost.h"
+
+#include <utility>
+
+#include "framework/CoreDump.h"
+#include "hosts/HostError.h"
+
+namespace Hosts {
+
+ModuleHost::ModuleHost(StatusLog::Sink sink)
+    : inputs_(FwdL3Unicast::NexthopNhIndexResolverInputs::fresh()),
+      routing_(RoutingResolver::RoutingResolverIs(
+          inputs_.nexthopConfig, inputs_.nexthopStatus, inputs_.fecModeStatus,
+          inputs_.forwardingGenStatus, inputs_.em, inputs_.scheduler)),
+      arpClients_(ProactiveArpClients::ProactiveArpClientsIs(inputs_.proactiveArpNexthop)),
+      engine_(ForwardingEngine::ForwardingEngineIs(inputs_.l3Modules, inputs_.nextHopInfoWrapper)),
+      statusLog_(StatusLog::StatusLogIs(inputs_.statusDir, inputs_.scheduler, std::move(sink))) {}
+
+ModuleHost::~ModuleHost() {
+  statusLog_->sinkIs(nullptr);
+  stop();
+}
+
+void ModuleHost::start() {
+  CORE_ASSERT(!root_);
+  root_ = FwdL3Unicast::nexthopNhIndexResolverSmFactory(inputs_);
+}
+
+void ModuleHost::stop() {
+  if (!root_) return;
+  root_->doCleanup();
+  root_ = nullptr;
+}
+
+void ModuleHost::restart() {
+  stop();
+  start();
+}
+
+bool ModuleHost::vrfHas(const L3::VrfName& vrfName) const {
+  return inputs_.vrfStatusAll->vrfIdHas(vrfName) || inputs_.vrfStatusAll->vrfStatusHas(vrfName);
+}
+
+void ModuleHost::vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> vrfId) {
+  if (vrfHas(vrfName)) throw HostError("VRF " + vrfName.str() + " exists");
+  const Plane::VrfL3StatusAll& vrfs = *inputs_.vrfStatusAll;
+  const auto owner = [&](Plane::VrfId id) -> const L3::VrfName* {
+    for (const auto& entry : vrfs.vrfId()) {
+      if (entry.value == id) return &entry.key;
+    }
+    return nullptr;
+  };
+  if (vrfId) {
+    if (*vrfId == 0) throw HostError("VRF id 0 is not a VRF's id");
+    if (const L3::VrfName* other = owner(*vrfId)) {
+      throw HostError("VRF id " + std::to_string(*vrfId) + " belongs to VRF " + other->str());
+    }
+  } else {
+    vrfId = 1;
+    while (owner(*vrfId)) ++*vrfId;
+  }
+  // The client may mount the VRF's FEC table once the VRF is up: publish it first.
+  routing_->vrfTableIs(vrfName);
+  inputs_.vrfStatusAll->vrfIdIs(vrfName, *vrfId);
+  inputs_.vrfStatusAll->vrfStatusIs(Plane::VrfL3Status(vrfName, *vrfId));
+}
+
+void ModuleHost::vrfDel(const L3::VrfName& vrfName) {
+  if (!vrfHas(vrfName)) throw HostError("no VRF " + vrfName.str());
+  inputs_.vrfStatusAll->vrfStatusDel(vrfName);
+  inputs_.vrfStatusAll->vrfIdDel(vrfName);
+}
+
+void ModuleHost::fecModeIs(Memtab::Fib::FecMode fecMode) {
+  if (requestSeen_) throw HostError("fec-mode must come before the first request");
+  routing_->fecModeIs(fecMode);
+}
+
+void ModuleHost::requestAdd(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
+  const Netval::IpGenAddr& nexthop = key.nexthop();
+  if (nexthop.af() != Netval::AddressFamily::ipv4_ || nexthop.isAddrZero()) {
+    throw HostError("next hop " + nexthop.toString() + " is not a non-zero IPv4 address");
+  }
+  if (requestHas(key)) throw HostError("request " + keyText(key) + " exists");
+  requestSeen_ = true;
+  inputs_.configDir->configIs(key);
+}
+
+void ModuleHost::requestDel(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
+  if (!requestHas(key)) throw HostError("no request " + keyText(key));
+  inputs_.configDir->configDel(key);
+}
+
+std::string ModuleHost::dump() const {
+  Core::DumpContext ctx;
+  if (root_) root_->dumpState(ctx, 0);
+  return ctx.text();
+}
+
+std::optional<uint32_t> ModuleHost::statusNhIndex(
+    const FwdL3Unicast::NexthopNhIndexResolverKey& key) const {
+  if (!inputs_.statusDir->statusHas(key)) return std::nullopt;
+  return inputs_.statusDir->status(key).nhIndex();
+}
+
+std::string ModuleHost::arpState(const Plane::NextHopKey& key) const {
+  return arpWanted(key) ? "proactive ARP entry" : "no proactive ARP entry";
+}
+
+}  // namespace Hosts

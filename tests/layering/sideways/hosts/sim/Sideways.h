@@ -1,0 +1,4 @@
+#pragma once
+
+// Deliberately wrong: one host that includes another.
+#include "hosts/linux/LinuxHost.h"
