@@ -435,7 +435,11 @@ LinuxHost::LinuxHost(EventLoop& loop, LinuxHostConfig config, StatusLog::Sink si
   later(config_.netnsCheckMs, [this] { checkNamespaces(); });
 }
 
-LinuxHost::~LinuxHost() { cleanup(); }
+LinuxHost::~LinuxHost() {
+  // Nothing more is printed once the host goes.
+  statusSinkIs(nullptr);
+  cleanup();
+}
 
 template <class Work>
 void LinuxHost::later(Hub::TaskScheduler::Time delayMs, Work work) {
@@ -588,8 +592,8 @@ void LinuxHost::serve(const Plane::NextHopKey& key) {
   const int32_t ifindex = space->ifindexOf(key.intfId());
   const uint32_t dst = key.addr().v4();
   const Neighbour* n = space->neighbour(ifindex, dst);
-  const bool ours = n && n->protocol == kOwnProtocol && (n->extFlags & NTF_EXT_MANAGED);
-  if (!ours && !(n && foreignNeighbour(*n))) {
+  // What the host added it knows without the mirror, which may not have heard of a write yet.
+  if (!ownedNeighbours_.contains(key) && !(n && foreignNeighbour(*n))) {
     const int rc = space->mirror->write(
         managedNeighbourAdd(ifindex, dst, space->mirror->requests().nextSeq()));
     if (rc == 0) {
@@ -598,18 +602,9 @@ void LinuxHost::serve(const Plane::NextHopKey& key) {
       warn("cannot add a managed neighbour " + key.addr().toString() + " on " +
            key.intfId().name() + ": " + std::strerror(-rc));
     }
-  } else if (ours) {
-    ownedNeighbours_.insert(key);
   }
   if (!config_.programming) return;
-  auto programmed = programmed_.find(key);
-  if (programmed != programmed_.end()) {
-    auto nh = space->state().nexthops.find(programmed->second);
-    if (nh != space->state().nexthops.end() && nh->second.oif == ifindex &&
-        nh->second.gateway == dst) {
-      return;
-    }
-  }
+  if (programmed_.contains(key)) return;
   std::set<uint32_t> taken;
   for (const auto& [id, nh] : space->state().nexthops) taken.insert(id);
   for (const auto& [k, id] : programmed_) taken.insert(id);

@@ -32,9 +32,10 @@ struct LinuxHostConfig {
   bool programming = false;
   uint32_t programIdMin = 1000000;
   uint32_t programIdMax = 1999999;
-  // How long what the host added lingers after nobody wants it (a restart of the module takes
-  // its wishes back and makes them again at once: nothing in the kernel should flap).
-  Hub::TaskScheduler::Time unwantedGraceMs = 0;
+  // How long what the host added lingers after nobody wants it: a restart of the module takes
+  // its wishes back and makes them again as soon as its resolver answers, and nothing in the
+  // kernel should flap meanwhile.
+  Hub::TaskScheduler::Time unwantedGraceMs = 1000;
   // How long after start leftovers of an earlier run (entries with our protocol) that nobody
   // wants again are removed.
   Hub::TaskScheduler::Time leftoverGraceMs = 2000;
