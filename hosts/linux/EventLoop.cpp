@@ -104,6 +104,11 @@ void EventLoop::armTimer() {
 
 void EventLoop::runOnce(int maxWaitMs) {
   advance();
+  waitAndHandle(maxWaitMs);
+  advance();
+}
+
+void EventLoop::waitAndHandle(int maxWaitMs) {
   armTimer();
   epoll_event events[16];
   const int n = epoll_wait(epollFd_, events, 16, maxWaitMs);
@@ -124,7 +129,6 @@ void EventLoop::runOnce(int maxWaitMs) {
       (*handler)();
     }
   }
-  advance();
 }
 
 void EventLoop::run() {
@@ -135,10 +139,12 @@ void EventLoop::run() {
 bool EventLoop::runUntil(const std::function<bool()>& done, int timeoutMs) {
   const uint64_t deadline = nowMs() + static_cast<uint64_t>(timeoutMs);
   while (true) {
+    // Checked between running the due tasks and waiting: a task may be what completes it.
+    advance();
     if (done()) return true;
     const uint64_t now = nowMs();
-    if (now >= deadline) return done();
-    runOnce(static_cast<int>(deadline - now));
+    if (now >= deadline) return false;
+    waitAndHandle(static_cast<int>(deadline - now));
   }
 }
 

@@ -56,6 +56,8 @@ class EventLoop {
  private:
   void advance();
   void armTimer();
+  // Waits at most `maxWaitMs` and handles what came.
+  void waitAndHandle(int maxWaitMs);
 
   int epollFd_ = -1;
   int timerFd_ = -1;
