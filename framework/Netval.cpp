@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <deque>
+#include <mutex>
 #include <optional>
 #include <sstream>
+#include <unordered_map>
 
 #include "framework/Assert.h"
 
@@ -254,10 +257,70 @@ uint32_t matchType(std::string_view name, std::string_view& rest) {
   return 0;
 }
 
+constexpr uint32_t kKernelIndexMask = 0x0fffffff;
+
+// The kernel names interned by this process. Entries never move or change once added, so a
+// name is copied out under the lock without allocating. Never destroyed: traces may run during
+// static destruction.
+class KernelNames {
+ public:
+  static KernelNames& instance() {
+    static KernelNames* names = new KernelNames;
+    return *names;
+  }
+
+  // The index of `name`, added when new (1, 2, ...).
+  uint32_t indexIs(std::string_view name) {
+    std::lock_guard lock(mutex_);
+    auto it = index_.find(std::string(name));
+    if (it != index_.end()) return it->second;
+    CORE_ASSERT(names_.size() < kKernelIndexMask);
+    Name& entry = names_.emplace_back();
+    entry.size = static_cast<uint8_t>(name.size());
+    std::copy(name.begin(), name.end(), entry.text);
+    const auto index = static_cast<uint32_t>(names_.size());
+    index_.emplace(std::string(name), index);
+    return index;
+  }
+  bool has(uint32_t index) {
+    std::lock_guard lock(mutex_);
+    return index != 0 && index <= names_.size();
+  }
+  // Copies the name of a valid index into `out` and returns its length.
+  size_t copy(uint32_t index, char* out) {
+    std::lock_guard lock(mutex_);
+    CORE_ASSERT(index != 0 && index <= names_.size());
+    const Name& entry = names_[index - 1];
+    std::copy(entry.text, entry.text + entry.size, out);
+    return entry.size;
+  }
+
+ private:
+  struct Name {
+    char text[Netval::IntfId::kKernelNameMax];
+    uint8_t size;
+  };
+  std::mutex mutex_;
+  std::deque<Name> names_;
+  std::unordered_map<std::string, uint32_t> index_;
+};
+
+bool validKernelName(std::string_view name) {
+  if (name.empty() || name.size() > Netval::IntfId::kKernelNameMax) return false;
+  for (char c : name) {
+    const auto u = static_cast<unsigned char>(c);
+    if (c == '/' || c == ' ' || u < 0x20 || u == 0x7f) return false;
+  }
+  return true;
+}
+
 // Writes the name of `id` into `out` (at least IntfShortName::kCapacity bytes, which every name
 // fits) and returns its length; formatted in place so that trace values need no std::string.
 size_t formatIntfName(uint32_t id, bool shortForm, char* out) {
   if (id == 0) return 0;
+  if (id >> 28 == IntfId::kKernelType) {
+    return KernelNames::instance().copy(id & kKernelIndexMask, out);
+  }
   IntfParts p = decode(id);
   CORE_ASSERT(validParts(p));
   const std::string_view type = shortForm ? kIntfTypes[p.type].shortName : kIntfTypes[p.type].name;
@@ -299,8 +362,31 @@ IntfId IntfId::fromText(std::string_view name) {
 }
 
 IntfId IntfId::fromId(uint32_t id) {
+  if (id >> 28 == kKernelType) {
+    return KernelNames::instance().has(id & kKernelIndexMask) ? IntfId(id, 0) : IntfId();
+  }
   if (id == 0 || !validParts(decode(id))) return IntfId();
   return IntfId(id, 0);
+}
+
+IntfId IntfId::fromKernelName(std::string_view name) {
+  if (!validKernelName(name)) {
+    throw Kiln::ParseError("invalid kernel interface name '" + std::string(name) + "'");
+  }
+  // A kernel device that carries exactly a known full name is that interface, so that one name
+  // never has two ids.
+  try {
+    IntfId known = fromText(name);
+    if (known.name() == name) return known;
+  } catch (const Kiln::ParseError&) {
+    // not a known form: interned below
+  }
+  return IntfId(kKernelType << 28 | KernelNames::instance().indexIs(name), 0);
+}
+
+std::ostream& operator<<(std::ostream& os, IntfId i) {
+  char text[IntfShortName::kCapacity];
+  return os.write(text, static_cast<std::streamsize>(formatIntfName(i.id_, false, text)));
 }
 
 std::string IntfId::name() const { return intfName(id_, false); }

@@ -79,26 +79,46 @@ class IpGenAddr {
 // Vlan, Loopback, Management), then by their numbers. Id 0 is the empty interface (name "").
 // Layout: 4 bits type, 12 bits first number, 8 + 8 bits for the second and third numbers + 1
 // (0 = absent), so that "Ethernet3" < "Ethernet3/1" < "Ethernet3/1/1" < "Ethernet4".
+//
+// Kernel interface names ("eth0", "veth-a", "br0.100") are a last type: type 15 and, in the low
+// 28 bits, the name's place in a process-wide intern table (1, 2, ... in first-use order). Such
+// an id is stable for the life of the process and orders after every known type; it means
+// nothing to another process. Only hosts create them (fromKernelName); fromText keeps refusing
+// names of no known form.
 class IntfId {
  public:
+  // Longest kernel interface name (IFNAMSIZ - 1).
+  static constexpr size_t kKernelNameMax = 15;
+  // The type field of an interned kernel name.
+  static constexpr uint32_t kKernelType = 15;
+
   IntfId() = default;
   // Throws Kiln::ParseError for a name that is not a known interface.
   explicit IntfId(std::string_view name) : IntfId(fromText(name)) {}
 
   // Accepts full names ("Ethernet3/1") and short names ("Et3/1"); "" is the empty interface.
   static IntfId fromText(std::string_view name);
-  // The interface of a valid id; the empty interface for an id that no name produces.
+  // The interface of a known id or of a kernel name interned by this process; the empty
+  // interface for any other id.
   static IntfId fromId(uint32_t id);
+  // The interface named `name` by the kernel: the known interface when `name` is exactly a known
+  // full name, otherwise `name` interned (the same id for the same name, for the process's
+  // life). Throws Kiln::ParseError unless `name` is 1-15 bytes without '/', blank or control
+  // character.
+  static IntfId fromKernelName(std::string_view name);
 
   uint32_t id() const { return id_; }
   bool empty() const { return id_ == 0; }
+  // Whether this is an interned kernel name rather than a known form.
+  bool isKernelName() const { return id_ >> 28 == kKernelType; }
   std::string name() const;
   std::string shortName() const;
 
   uint32_t hash(uint32_t seed) const { return Core::hashMix(Core::hashCombine(seed, id_)); }
   friend bool operator==(IntfId a, IntfId b) { return a.id_ == b.id_; }
   friend std::strong_ordering operator<=>(IntfId a, IntfId b) { return a.id_ <=> b.id_; }
-  friend std::ostream& operator<<(std::ostream& os, IntfId i) { return os << i.name(); }
+  // Formats in place: printing builds no string.
+  friend std::ostream& operator<<(std::ostream& os, IntfId i);
 
  private:
   explicit constexpr IntfId(uint32_t id, int) : id_(id) {}
@@ -107,10 +127,12 @@ class IntfId {
 };
 
 // The short name of an interface ("Et3/1") formatted into the object itself, for hot trace
-// statements: it traces as the string IntfId::shortName() returns, without building one.
+// statements: it traces as the string IntfId::shortName() returns, without building one. A
+// kernel name is its own short name.
 class IntfShortName {
  public:
-  // Every name fits, long forms included: "Ethernet4095/254/254" is the longest.
+  // Every name fits, long forms included: "Ethernet4095/254/254" is the longest (kernel names
+  // have at most 15 bytes).
   static constexpr size_t kCapacity = 24;
 
   explicit IntfShortName(IntfId intf);

@@ -27,6 +27,7 @@ using detail::kHeaderBytes;
 using detail::kKindCount;
 using detail::kMagic;
 using detail::kStringTruncated;
+using detail::kOldestVersion;
 using detail::kVersion;
 using detail::RecordHeader;
 
@@ -296,7 +297,7 @@ FileHeader parseHeader(const std::string& path, std::string_view data) {
   if (data.size() < kHeaderBytes) notRingTrace(path, "shorter than a header");
   std::memcpy(&h, data.data(), sizeof h);
   if (std::memcmp(h.magic, kMagic, sizeof h.magic) != 0) notRingTrace(path, "bad magic");
-  if (h.version != kVersion) {
+  if (h.version < kOldestVersion || h.version > kVersion) {
     notRingTrace(path, "unsupported version " + std::to_string(h.version) + ", expected " +
                            std::to_string(kVersion));
   }
@@ -401,9 +402,19 @@ void renderValue(std::ostream& os, Kind kind, Cursor& c) {
       os << Netval::EthAddr(value);
       break;
     }
-    case Kind::intfId:
-      os << Netval::IntfId::fromId(c.take<uint32_t>("interface id")).name();
+    case Kind::intfId: {
+      auto id = c.take<uint32_t>("interface id");
+      if (id >> 28 == Netval::IntfId::kKernelType) {
+        auto length = c.take<uint8_t>("interface name length");
+        if (length == 0 || length > Netval::IntfId::kKernelNameMax) {
+          c.fail("interface name of " + std::to_string(length) + " bytes");
+        }
+        os << c.bytes(length, "interface name");
+      } else {
+        os << Netval::IntfId::fromId(id);
+      }
       break;
+    }
   }
 }
 

@@ -204,6 +204,24 @@ struct IpWire {
   }
 };
 
+// An interface id; a kernel name travels with its text, which only this process can look up.
+struct IntfWire {
+  static constexpr Kind kind = Kind::intfId;
+  Netval::IntfId intf;
+  Netval::IntfShortName name;  // empty unless intf is a kernel name
+  explicit IntfWire(Netval::IntfId i) : intf(i), name(i.isKernelName() ? i : Netval::IntfId()) {}
+  size_t size() const {
+    return sizeof(uint32_t) + (intf.isKernelName() ? 1 + name.str().size() : 0);
+  }
+  std::byte* put(std::byte* p) const {
+    p = putRaw(p, intf.id());
+    if (!intf.isKernelName()) return p;
+    p = putRaw(p, static_cast<uint8_t>(name.str().size()));
+    std::memcpy(p, name.str().data(), name.str().size());
+    return p + name.str().size();
+  }
+};
+
 // A literal piece is an lvalue of type const char[N], as a string literal is.
 template <class A>
 inline constexpr bool isPiece =
@@ -257,7 +275,7 @@ auto wireOf(const std::remove_reference_t<A>& arg) {
   } else if constexpr (std::is_same_v<T, Netval::EthAddr>) {
     return ScalarWire<Kind::ethAddr, uint64_t>{arg.value()};
   } else if constexpr (std::is_same_v<T, Netval::IntfId>) {
-    return ScalarWire<Kind::intfId, uint32_t>{arg.id()};
+    return IntfWire{arg};
   } else {
     static_assert(Printable<T>, "a trace value needs a codec or operator<<");
     std::ostringstream os;

@@ -5,13 +5,14 @@
 // The ring trace file's layout: what the writer (framework/RingLog.h) lays down and the decoder
 // reads. Only the ring trace and code that inspects ring files use it.
 //
-// File format (version 2, all integers in the writer's byte order, checked through byteOrder):
+// File format (version 3, all integers in the writer's byte order, checked through byteOrder):
 //
 //   offset 0, 4096 bytes: FileHeader
-//     magic "RNGTRACE", version 2, byteOrder 0x01020304, headerBytes, blockBytes, fileBytes,
-//     descOffset/descCapacity/descUsed (the descriptor area and how much of it is written),
-//     ringOffset/blockCount (the ring), currentBlock (the block being written),
-//     droppedRecords (occurrences not recorded because their descriptor did not fit).
+//     magic "RNGTRACE", version 3 (version 2 files, which hold no kernel names, read too),
+//     byteOrder 0x01020304, headerBytes, blockBytes, fileBytes, descOffset/descCapacity/descUsed
+//     (the descriptor area and how much of it is written), ringOffset/blockCount (the ring),
+//     currentBlock (the block being written), droppedRecords (occurrences not recorded because
+//     their descriptor did not fit).
 //   descOffset, descCapacity bytes: descriptor area, append-only, never overwritten by the ring.
 //     One entry per message, in id order starting at 1; descUsed is raised after an entry is
 //     complete. Entry: u32 entryBytes (multiple of 8), u32 id, u32 line, u8 level, u8 reserved,
@@ -21,15 +22,18 @@
 //     (u64 firstSeq, u64 startTime, u32 used payload bytes, u32 magic "BLK1") followed by
 //     records that never straddle blocks. Record: RecordHeader (u32 message id, u32 recordBytes,
 //     a multiple of 8) then the values in the message's value order: boolean/character 1 byte,
-//     signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes, ipGenAddr 1 byte family
-//     then the address in network order (4 bytes for IPv4, 16 for IPv6, none for an unset
+//     signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes (an interned kernel
+//     name, whose id means nothing to a reader, adds u8 length and the name), ipGenAddr 1 byte
+//     family then the address in network order (4 bytes for IPv4, 16 for IPv6, none for an unset
 //     address), string/text u32 length (bit 31 set when truncated) + bytes. Records carry no
 //     sequence number: a record's is its block's firstSeq plus its index in the block. A block's
 //     `used` is raised only after a record is complete.
 namespace RingLog::detail {
 
 inline constexpr char kMagic[8] = {'R', 'N', 'G', 'T', 'R', 'A', 'C', 'E'};
-inline constexpr uint32_t kVersion = 2;
+inline constexpr uint32_t kVersion = 3;
+// The oldest version a reader accepts.
+inline constexpr uint32_t kOldestVersion = 2;
 inline constexpr uint32_t kByteOrder = 0x01020304u;
 inline constexpr uint32_t kHeaderBytes = 4096;
 inline constexpr uint32_t kBlockBytes = 64 * 1024;

@@ -2,12 +2,30 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <new>
 #include <sstream>
-
 #include <string>
 #include <vector>
 
 #include "framework/Kiln.h"
+
+// Counts allocations, to show which operations allocate nothing.
+namespace {
+size_t allocations = 0;
+}  // namespace
+
+void* operator new(size_t size) {
+  ++allocations;
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+// GCC takes these for mismatched pairs; malloc and free are the pair here.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+#pragma GCC diagnostic pop
 
 namespace {
 
@@ -230,6 +248,87 @@ TEST(IntfId, FromIdOfUnknownLayoutIsEmpty) {
   EXPECT_TRUE(IntfId::fromId(0x30000000).empty());                    // Vlan0
   EXPECT_TRUE(IntfId::fromId(IntfId("Ethernet1").id() | 1).empty());  // third number, no second
   EXPECT_TRUE(IntfId::fromId(IntfId("Vlan5").id() | 0x100).empty());  // Vlan has one number
+}
+
+TEST(IntfId, KernelNameInternsUnderAStableId) {
+  const IntfId a = IntfId::fromKernelName("veth-a");
+  EXPECT_FALSE(a.empty());
+  EXPECT_TRUE(a.isKernelName());
+  EXPECT_EQ(a.name(), "veth-a");
+  EXPECT_EQ(IntfId::fromKernelName("veth-a"), a);
+  EXPECT_EQ(IntfId::fromId(a.id()), a);
+  const IntfId b = IntfId::fromKernelName("br0.100");
+  EXPECT_NE(b, a);
+  EXPECT_EQ(b.name(), "br0.100");
+  EXPECT_EQ(IntfId::fromKernelName("veth-a").id(), a.id());
+}
+
+TEST(IntfId, KernelNamesOrderAfterEveryKnownType) {
+  const IntfId k = IntfId::fromKernelName("eth0");
+  for (const char* known : {"Ethernet4095/254/254", "Port-Channel4095", "Vlan4094", "Loopback4095",
+                            "Management4095/254"}) {
+    EXPECT_LT(IntfId(known), k) << known;
+  }
+}
+
+TEST(IntfId, KernelNameOfAKnownFormIsTheKnownInterface) {
+  EXPECT_EQ(IntfId::fromKernelName("Ethernet1"), IntfId("Ethernet1"));
+  EXPECT_FALSE(IntfId::fromKernelName("Ethernet1").isKernelName());
+  // "Et1" is only a short spelling of Ethernet1: the kernel device of that name is its own.
+  const IntfId et1 = IntfId::fromKernelName("Et1");
+  EXPECT_TRUE(et1.isKernelName());
+  EXPECT_EQ(et1.name(), "Et1");
+}
+
+TEST(IntfId, BadKernelNamesAreRejected) {
+  for (std::string name :
+       {std::string(), std::string(16, 'a'), std::string("a/b"), std::string("a b"),
+        std::string("a\tb"), std::string("a\nb"), std::string("a\x7f"), std::string("a\0b", 3)}) {
+    EXPECT_THROW(IntfId::fromKernelName(name), Kiln::ParseError) << name;
+  }
+  EXPECT_EQ(errorOf([] { IntfId::fromKernelName("a/b"); }), "invalid kernel interface name 'a/b'");
+  EXPECT_EQ(IntfId::fromKernelName(std::string(15, 'x')).name(), std::string(15, 'x'));
+}
+
+TEST(IntfId, FromTextStillRefusesKernelNames) {
+  IntfId::fromKernelName("veth-b");
+  EXPECT_THROW(IntfId::fromText("veth-b"), Kiln::ParseError);
+  EXPECT_THROW(IntfId::fromText("eth0"), Kiln::ParseError);
+}
+
+TEST(IntfId, FromIdOfAKernelIndexNeverInternedIsEmpty) {
+  EXPECT_TRUE(IntfId::fromId(IntfId::kKernelType << 28 | 0x0fffffff).empty());
+}
+
+TEST(IntfId, KernelNamePrintsAndTracesAsItselfWithoutAllocating) {
+  const IntfId k = IntfId::fromKernelName("veth-trace");
+  std::ostringstream os;
+  os << "x";  // the stream's buffer exists before counting
+  const size_t before = allocations;
+  const Netval::IntfShortName shortName(k);
+  EXPECT_EQ(shortName.str(), "veth-trace");
+  EXPECT_EQ(allocations, before);
+  std::ostringstream out;
+  out.str(std::string(64, ' '));
+  out.seekp(0);
+  const size_t beforeStream = allocations;
+  out << k << ' ' << shortName;
+  EXPECT_EQ(allocations, beforeStream);
+  EXPECT_EQ(out.str().substr(0, 21), "veth-trace veth-trace");
+  EXPECT_EQ(Kiln::toText(k), "veth-trace");
+  EXPECT_EQ(k.shortName(), "veth-trace");
+}
+
+TEST(IntfId, KnownNamePrintsWithoutAllocating) {
+  std::ostringstream out;
+  out.str(std::string(64, ' '));
+  out.seekp(0);
+  // Longer than std::string's inline buffer: building the name would allocate.
+  const IntfId e = IntfId("Ethernet4095/254/254");
+  const size_t before = allocations;
+  out << e;
+  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(out.str().substr(0, 20), "Ethernet4095/254/254");
 }
 
 TEST(IntfId, HashFollowsId) {

@@ -135,6 +135,17 @@ TEST_F(RingLogTest, DecodesEveryArgumentKind) {
                   "7 RingLogTest.cpp:16 [Test/8] void f(): "));
 }
 
+TEST_F(RingLogTest, KernelInterfaceNameTravelsWithItsText) {
+  ASSERT_TRUE(RingLog::open(path_, kFileBytes));
+  trace(17, "intf ", Netval::IntfId::fromKernelName("veth-ring0"), " then ",
+        Netval::IntfId::fromText("Ethernet2"), " max ",
+        Netval::IntfId::fromKernelName("abcdefghijklmno"));
+  RingLog::close();
+  EXPECT_THAT(RingLog::decodeFile(path_),
+              ::testing::ElementsAre("1 RingLogTest.cpp:17 [Test/8] void f(): intf veth-ring0 "
+                                     "then Ethernet2 max abcdefghijklmno"));
+}
+
 TEST_F(RingLogTest, KindsOfItemsFollowTheArguments) {
   std::string s;
   const auto& m = messageOf(20, "a", 1, s, Netval::IpGenAddr(), Point{0, 0}, 'c', true, 1.0,
