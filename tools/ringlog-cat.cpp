@@ -6,21 +6,12 @@
 #include <string_view>
 
 #include "framework/RingLog.h"
+#include "hosts/HostCli.h"
 
 namespace {
 
-constexpr int kDecodeError = 1;
-constexpr int kUsageError = 2;
-
-constexpr const char* kUsage =
-    "usage: ringlog-cat FILE\n"
-    "Prints every record still in the ring trace FILE, oldest first, one line each:\n"
-    "  <seq> <file>:<line> [<handle>/<level>] <function>: <text>\n";
-
-int usageError(std::string_view why) {
-  std::fprintf(stderr, "ringlog-cat: %.*s\n%s", static_cast<int>(why.size()), why.data(), kUsage);
-  return kUsageError;
-}
+constexpr const char* kProgram = "ringlog-cat";
+constexpr int kDecodeError = Hosts::Cli::kFailed;
 
 int decode(const std::string& path) {
   try {
@@ -29,22 +20,25 @@ int decode(const std::string& path) {
       std::fputc('\n', stdout);
     }
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "ringlog-cat: %s\n", e.what());
+    std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
     return kDecodeError;
   }
-  return std::fflush(stdout) == 0 ? 0 : kDecodeError;
+  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && (std::string_view(argv[1]) == "--help" || std::string_view(argv[1]) == "-h")) {
-    std::fputs(kUsage, stdout);
-    return 0;
-  }
-  if (argc != 2) return usageError(argc < 2 ? "missing FILE" : "too many arguments");
-  std::string_view arg = argv[1];
-  if (arg.size() > 1 && arg[0] == '-')
-    return usageError("unknown option '" + std::string(arg) + "'");
-  return decode(argv[1]);
+  CLI::App app;
+  Hosts::Cli::conventionsIs(app, kProgram);
+  app.description(
+      "Prints every record still in the ring trace FILE, oldest first, one line each:\n"
+      "  <seq> <file>:<line> [<handle>/<level>] <function>: <text>");
+  std::string path;
+  // Checked after parsing, so that an unknown option is what a bad command line reports first.
+  app.add_option("FILE", path, "the ring trace file");
+  app.footer("Exit status: 0 every record printed, 1 a damaged or unreadable file, 2 bad usage.");
+  if (auto done = Hosts::Cli::parse(app, argc, argv)) return *done;
+  if (path.empty()) return Hosts::Cli::usageError(app, "missing FILE");
+  return Hosts::Cli::finishOutput(kProgram, decode(path));
 }

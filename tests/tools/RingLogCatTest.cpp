@@ -125,17 +125,23 @@ TEST_F(RingLogCatTest, UsageErrorsExitWithTwo) {
     Result r = run(args);
     EXPECT_EQ(r.status, 2) << ::testing::PrintToString(args);
     EXPECT_EQ(r.out, "");
-    EXPECT_THAT(r.err, HasSubstr("usage: ringlog-cat FILE"));
+    EXPECT_THAT(r.err, HasSubstr("Usage: ringlog-cat [OPTIONS] [FILE]"));
   }
-  EXPECT_THAT(run({"--bogus"}).err, HasSubstr("unknown option '--bogus'"));
-  EXPECT_THAT(run({}).err, HasSubstr("missing FILE"));
+  EXPECT_THAT(run({"--bogus"}).err, HasSubstr("The following argument was not expected: --bogus"));
+  EXPECT_THAT(run({}).err, HasSubstr("ringlog-cat: missing FILE"));
 }
 
 TEST_F(RingLogCatTest, HelpGoesToStdout) {
   Result r = run({"--help"});
   EXPECT_EQ(r.status, 0);
-  EXPECT_THAT(r.out, HasSubstr("usage: ringlog-cat FILE"));
+  EXPECT_THAT(r.out, HasSubstr("Usage: ringlog-cat [OPTIONS] [FILE]"));
   EXPECT_EQ(r.err, "");
+}
+
+TEST_F(RingLogCatTest, VersionIsTheProjectsVersion) {
+  Result r = run({"--version"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string("ringlog-cat ") + FWD_PROJECT_VERSION + "\n");
 }
 
 }  // namespace
