@@ -69,6 +69,7 @@ struct Options {
   bool force = false;
   bool dump = false;
   bool interactive = false;
+  bool json = false;
 };
 
 constexpr const char* kProgram = "nexthop-sim";
@@ -90,6 +91,8 @@ void optionsIs(CLI::App& app, Options& options) {
   app.add_flag("--force", options.force, "let --ring overwrite a file that is not a ring trace");
   app.add_flag("--dump", options.dump, "print the module's dump at the end");
   app.add_flag("-i", options.interactive, "interactive: read commands from the terminal");
+  app.add_flag("-j,--json", options.json,
+               "print status lines and command output as JSON, one document per line");
   app.footer("Exit status: 0 all expectations held, 1 an expectation failed, 2 bad input.\n\n" +
              Sim::Scenario::help());
 }
@@ -143,12 +146,13 @@ int main(int argc, char** argv) {
   int status = Sim::Scenario::kPassed;
   {
     Sim::SimHost host;
-    Sim::Scenario scenario(host, std::cout, std::cerr);
+    Sim::Scenario scenario(host, std::cout, std::cerr,
+                           options.json ? Hosts::OutputFormat::json : Hosts::OutputFormat::text);
     status = runScenario(options, scenario);
     if (status != Sim::Scenario::kInputError && options.interactive) {
       status = scenario.runStream(std::cin, "<stdin>", true);
     }
-    if (options.dump) std::cout << host.dump();
+    if (options.dump) scenario.dumpOut();
   }
   if (!options.ring.empty()) RingLog::close();
   return Hosts::Cli::finishOutput(kProgram, status);

@@ -15,6 +15,7 @@
 #include "framework/Kiln.h"
 #include "hosts/HostError.h"
 #include "hosts/HostExplain.h"
+#include "hosts/HostShow.h"
 
 namespace Sim {
 
@@ -31,6 +32,8 @@ struct InputError : HostError {
 };
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
+// Preferred over std::quoted, which argument-dependent lookup finds for a std::string.
+std::string quoted(const std::string& text) { return quoted(std::string_view(text)); }
 
 std::vector<std::string_view> tokens(std::string_view line) {
   line = line.substr(0, line.find('#'));
@@ -248,7 +251,9 @@ const Scenario::Command* Scenario::commands(size_t& count) {
       {{"request", "del"}, "request del VRF ADDR INTF", &Scenario::cmdRequestDel},
       {{"advance"}, "advance MS", &Scenario::cmdAdvance},
       {{"restart"}, "restart", &Scenario::cmdRestart},
-      {{"show", "status"}, "show status", &Scenario::cmdShowStatus},
+      {{"show", "status"}, "show status [VRF]", &Scenario::cmdShowStatus},
+      {{"show", "requests"}, "show requests [VRF]", &Scenario::cmdShowRequests},
+      {{"show", "vrfs"}, "show vrfs", &Scenario::cmdShowVrfs},
       {{"show", "arp"}, "show arp", &Scenario::cmdShowArp},
       {{"show", "routes"}, "show routes", &Scenario::cmdShowRoutes},
       {{"show", "neigh"}, "show neigh", &Scenario::cmdShowNeigh},
@@ -279,12 +284,16 @@ std::string Scenario::help() {
   return text;
 }
 
-Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err)
-    : host_(host), out_(out), err_(err) {
+Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err, Hosts::OutputFormat format)
+    : host_(host), out_(out), err_(err), format_(format) {
+  host_.statusFormatIs(format);
   host_.statusSinkIs([this](const std::string& line) { out_ << line << '\n'; });
 }
 
-Scenario::~Scenario() { host_.statusSinkIs(nullptr); }
+Scenario::~Scenario() {
+  host_.statusSinkIs(nullptr);
+  host_.statusFormatIs(Hosts::OutputFormat::text);
+}
 
 const Scenario::Command* Scenario::command(const std::vector<std::string_view>& words) {
   size_t count = 0;
@@ -514,95 +523,113 @@ void Scenario::cmdRestart(Args& args) {
   host_.restart();
 }
 
-void Scenario::cmdShowStatus(Args& args) {
+std::optional<L3::VrfName> Scenario::optionalVrf(Args& args) {
+  std::optional<L3::VrfName> vrf;
+  if (args.more()) vrf = vrfName(args.next("VRF"));
   args.end();
-  std::map<FwdL3Unicast::NexthopNhIndexResolverKey, uint32_t> sorted;
-  for (const auto& status : host_.statusDir()->status()) sorted[status.key()] = status.nhIndex();
-  if (sorted.empty()) out_ << "no statuses\n";
-  for (const auto& [key, nhIndex] : sorted) {
-    out_ << "status " << keyText(key) << " nhIndex " << nhIndex << '\n';
-  }
+  return vrf;
 }
+
+void Scenario::show(const Hosts::Json& doc, std::string (*text)(const Hosts::Json&)) {
+  out_ << Hosts::Show::render(doc, text, format_);
+}
+
+void Scenario::cmdShowStatus(Args& args) {
+  show(Hosts::Show::statuses(host_, optionalVrf(args)), Hosts::Show::statusesText);
+}
+
+void Scenario::cmdShowRequests(Args& args) {
+  show(Hosts::Show::requests(host_, optionalVrf(args)), Hosts::Show::requestsText);
+}
+
+void Scenario::cmdShowVrfs(Args& args) {
+  args.end();
+  show(Hosts::Show::vrfs(host_), Hosts::Show::vrfsText);
+}
+
+namespace {
+
+// {"entries": [{"dev", "dst", "arpVrfId", "probes", "triggers"}], "hosts": [{"dev", "dst",
+// "lladdr"}]}: what proactive ARP is asked for, and the simulated hosts that answer it.
+Hosts::Json arpJson(const SimHost& host) {
+  std::vector<Arp::ProactiveArp::ClientEntry> entries;
+  for (const auto& entry : host.clientConfig()->entry()) entries.push_back(entry);
+  std::sort(entries.begin(), entries.end());
+  const ProactiveArpService& arp = *host.arp();
+  Hosts::Json doc = {{"entries", Hosts::Json::array()}, {"hosts", Hosts::Json::array()}};
+  for (const auto& entry : entries) {
+    const Plane::NextHopKey& key = entry.key();
+    doc["entries"].push_back({{"dev", key.intfId().name()},
+                              {"dst", key.addr().toString()},
+                              {"arpVrfId", entry.arpVrfId()},
+                              {"probes", arp.probeCount(key)},
+                              {"triggers", host.clientConfig()->resolutionTrigger(key)}});
+  }
+  for (const auto& [key, ethAddr] : arp.hosts()) {
+    doc["hosts"].push_back({{"dev", key.intfId().name()},
+                            {"dst", key.addr().toString()},
+                            {"lladdr", ethAddr.toString()}});
+  }
+  return doc;
+}
+
+std::string arpText(const Hosts::Json& doc) {
+  std::string text;
+  if (doc["entries"].empty()) text += "no proactive ARP entries\n";
+  for (const auto& e : doc["entries"]) {
+    text += "arp " + e["dev"].get<std::string>() + " " + e["dst"].get<std::string>() +
+            " arpVrfId " + e["arpVrfId"].dump() + " probes " + e["probes"].dump() + " triggers " +
+            e["triggers"].dump() + '\n';
+  }
+  for (const auto& h : doc["hosts"]) {
+    text += "host " + h["dev"].get<std::string>() + " " + h["dst"].get<std::string>() + " " +
+            h["lladdr"].get<std::string>() + '\n';
+  }
+  return text;
+}
+
+}  // namespace
 
 void Scenario::cmdShowArp(Args& args) {
   args.end();
-  std::vector<Arp::ProactiveArp::ClientEntry> entries;
-  for (const auto& entry : host_.clientConfig()->entry()) entries.push_back(entry);
-  std::sort(entries.begin(), entries.end());
-  if (entries.empty()) out_ << "no proactive ARP entries\n";
-  const ProactiveArpService& arp = *host_.arp();
-  for (const auto& entry : entries) {
-    const Plane::NextHopKey& key = entry.key();
-    out_ << "arp " << key.intfId() << " " << key.addr() << " arpVrfId " << entry.arpVrfId()
-         << " probes " << arp.probeCount(key) << " triggers "
-         << host_.clientConfig()->resolutionTrigger(key) << '\n';
-  }
-  for (const auto& [key, ethAddr] : arp.hosts()) {
-    out_ << "host " << key.intfId() << " " << key.addr() << " " << ethAddr << '\n';
-  }
+  show(arpJson(host_), arpText);
 }
 
 void Scenario::cmdShowRoutes(Args& args) {
   args.end();
-  bool any = false;
-  for (const auto& [vrf, table] : host_.routing()->routes()) {
-    for (const auto& [prefix, route] : table) {
-      any = true;
-      out_ << "route " << vrf << " " << prefix.toString() << " fec " << route.fecId;
-      for (const Memtab::FibGen::Via& via : route.vias) {
-        if (!via.hop().isAddrZero()) out_ << " via " << via.hop();
-        out_ << " dev " << via.intfId();
-      }
-      out_ << '\n';
-    }
-  }
-  if (!any) out_ << "no routes\n";
+  show(Hosts::Show::routes(host_), Hosts::Show::routesText);
 }
 
 void Scenario::cmdShowNeigh(Args& args) {
   args.end();
-  std::map<Plane::NextHopKey, Plane::NextHopInfo> sorted;
-  for (const auto& entry : host_.nextHopInfoWrapper()->nextHopInfo())
-    sorted[entry.key] = entry.value;
-  if (sorted.empty()) out_ << "no neighbours\n";
-  for (const auto& [key, info] : sorted) {
-    out_ << "neigh " << key.intfId() << " " << key.addr() << " lladdr " << info.ethAddr() << " l2 "
-         << (info.l2Intf().empty() ? "none" : info.l2Intf().name()) << '\n';
-  }
+  show(Hosts::Show::neighbours(host_), Hosts::Show::neighboursText);
 }
 
 void Scenario::cmdShowNhTable(Args& args) {
   std::optional<Netval::IntfId> only;
   if (args.more()) only = interface(args.next("INTF"));
   args.end();
-  if (only && !host_.l3Modules()->nextHopModHas(*only)) {
-    throw HostError("interface " + only->name() + " has no next-hop table");
-  }
-  std::map<Netval::IntfId, std::map<uint32_t, Netval::EthAddr>> sorted;
-  for (const auto& module : host_.l3Modules()->nextHopMod()) {
-    if (only && module->intfId() != *only) continue;
-    auto& table = sorted[module->intfId()];
-    for (const auto& entry : module->nhIndexToMac()) table[entry.key] = entry.value;
-  }
-  if (sorted.empty()) out_ << "no next-hop tables\n";
-  for (const auto& [intfId, table] : sorted) {
-    out_ << "nh-table " << intfId << ": " << table.size() << " nhIndex"
-         << (table.size() == 1 ? "" : "es") << '\n';
-    for (const auto& [nhIndex, ethAddr] : table) {
-      out_ << "  nhindex " << nhIndex << " " << ethAddr << '\n';
-    }
-  }
+  show(Hosts::Show::nhTables(host_, only), Hosts::Show::nhTablesText);
 }
 
 void Scenario::cmdShowDump(Args& args) {
   args.end();
-  out_ << host_.dump();
+  dumpOut();
+}
+
+void Scenario::dumpOut() {
+  const std::string text = host_.dump();
+  if (format_ == Hosts::OutputFormat::json) {
+    out_ << Hosts::Show::dump(text).dump() << '\n';
+  } else {
+    out_ << text;
+  }
 }
 
 void Scenario::cmdExplain(Args& args) {
   const auto key = requestKey(args);
   args.end();
-  out_ << "explain " << keyText(key) << ": " << Hosts::explain(host_, key) << '\n';
+  show(Hosts::Show::explanation(key, Hosts::explain(host_, key)), Hosts::Show::explanationText);
 }
 
 void Scenario::cmdExpectStatus(Args& args) {
@@ -639,6 +666,13 @@ void Scenario::cmdExpectArp(Args& args) {
          state(found));
 }
 
-void Scenario::cmdEcho(Args& args) { out_ << args.rest() << '\n'; }
+void Scenario::cmdEcho(Args& args) {
+  const std::string text = args.rest();
+  if (format_ == Hosts::OutputFormat::json) {
+    out_ << Hosts::Json{{"echo", text}}.dump() << '\n';
+  } else {
+    out_ << text << '\n';
+  }
+}
 
 }  // namespace Sim

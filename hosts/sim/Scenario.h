@@ -7,6 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include <optional>
+
+#include "hosts/HostOutput.h"
 #include "hosts/sim/SimHost.h"
 
 namespace Sim {
@@ -24,8 +27,10 @@ class Scenario {
   enum ExitStatus : int { kPassed = 0, kExpectFailed = 1, kInputError = 2 };
   enum class LineResult { ok, expectFailed, error };
 
-  // Takes over the host's status lines (they go to `out`) for the scenario's life.
-  Scenario(SimHost& host, std::ostream& out, std::ostream& err);
+  // Takes over the host's status lines (they go to `out`) for the scenario's life. Status lines
+  // and command output are printed in `format`; messages on `err` are always text.
+  Scenario(SimHost& host, std::ostream& out, std::ostream& err,
+           Hosts::OutputFormat format = Hosts::OutputFormat::text);
   ~Scenario();
   Scenario(const Scenario&) = delete;
   Scenario& operator=(const Scenario&) = delete;
@@ -42,6 +47,9 @@ class Scenario {
   // The command summary that `nexthop-sim --help` prints: one line per command, made from the
   // same table that runs them.
   static std::string help();
+
+  // Prints the root's dump in the scenario's format.
+  void dumpOut();
 
  private:
   using Args = detail::ScenarioArgs;
@@ -74,6 +82,8 @@ class Scenario {
   void cmdAdvance(Args& args);
   void cmdRestart(Args& args);
   void cmdShowStatus(Args& args);
+  void cmdShowRequests(Args& args);
+  void cmdShowVrfs(Args& args);
   void cmdShowArp(Args& args);
   void cmdShowRoutes(Args& args);
   void cmdShowNeigh(Args& args);
@@ -85,11 +95,15 @@ class Scenario {
   void cmdExpectArp(Args& args);
   void cmdEcho(Args& args);
 
+  // An optional VRF name, then the end of the line.
+  static std::optional<L3::VrfName> optionalVrf(Args& args);
+  void show(const Hosts::Json& doc, std::string (*text)(const Hosts::Json&));
   void expect(bool holds, const std::string& expected, const std::string& found);
 
   SimHost& host_;
   std::ostream& out_;
   std::ostream& err_;
+  Hosts::OutputFormat format_;
   bool expectFailed_ = false;
   // Set by a failed expectation of the line being run.
   std::string failure_;

@@ -49,8 +49,8 @@ TEST(NexthopSimParser, RefusesUnknownAndIncompleteCommands) {
   expectRefused("vrf", "incomplete command 'vrf' (expected vrf add, vrf del)");
   expectRefused("vrf rename red", "unknown command 'vrf rename' (expected vrf add, vrf del)");
   expectRefused("show bogus",
-                "unknown command 'show bogus' (expected show status, show arp, show routes, show "
-                "neigh, show nh-table, show dump)");
+                "unknown command 'show bogus' (expected show status, show requests, show vrfs, "
+                "show arp, show routes, show neigh, show nh-table, show dump)");
 }
 
 TEST(NexthopSimParser, HelpNamesEveryCommandOnceAndOnlyCommandsItRuns) {
@@ -169,7 +169,6 @@ TEST(NexthopSimParser, RefusesHostStateThatExistsOrIsAbsent) {
   expectRefused("nh-table add Ethernet1\nnh-table add Ethernet1",
                 "interface Ethernet1 has a next-hop table already");
   expectRefused("nh-table del Ethernet1", "interface Ethernet1 has no next-hop table");
-  expectRefused("show nh-table Ethernet1", "interface Ethernet1 has no next-hop table");
   expectRefused("nhindex add Ethernet1 5 00:00:00:00:00:01",
                 "interface Ethernet1 has no next-hop table");
   expectRefused("nh-table add Ethernet1\nnhindex add Ethernet1 4294967295 00:00:00:00:00:01",
@@ -278,11 +277,36 @@ TEST(NexthopSimRunner, ShowsTheHostState) {
             "nhIndex 17\n");
 }
 
+TEST(NexthopSimRunner, ShowsStatusesAndRequestsOfOneVrfAndEveryVrf) {
+  const SimRun result = run(kResolved +
+                            "vrf add blue id 7\nrequest add blue 10.1.0.1 Ethernet1\n"
+                            "echo --- state\n"
+                            "show status red\nshow status blue\nshow requests\nshow requests blue\n"
+                            "show vrfs\n");
+  EXPECT_EQ(result.status, Scenario::kPassed) << result.err;
+  EXPECT_EQ(result.out.substr(result.out.find("--- state")),
+            "--- state\n"
+            "status red 10.1.0.1 Ethernet1 nhIndex 17\n"
+            "no statuses\n"
+            "request blue 10.1.0.1 Ethernet1 unresolved\n"
+            "request red 10.1.0.1 Ethernet1 nhIndex 17\n"
+            "request blue 10.1.0.1 Ethernet1 unresolved\n"
+            "vrf blue id 7 l3-status up\n"
+            "vrf red id 1 l3-status up\n");
+}
+
+TEST(NexthopSimRunner, ShowsNoTableForAnInterfaceWithoutOneAndGoesOn) {
+  const SimRun result = run("show nh-table Ethernet1\necho after");
+  EXPECT_EQ(result.status, Scenario::kPassed) << result.err;
+  EXPECT_EQ(result.out, "nh-table Ethernet1: no table\nafter\n");
+}
+
 TEST(NexthopSimRunner, ShowsEmptyState) {
-  const SimRun result = run("show status\nshow routes\nshow neigh\nshow nh-table\nshow arp\n");
+  const SimRun result = run(
+      "show status\nshow routes\nshow neigh\nshow nh-table\nshow arp\nshow requests\nshow vrfs\n");
   EXPECT_EQ(result.out,
             "no statuses\nno routes\nno neighbours\nno next-hop tables\nno proactive ARP "
-            "entries\n");
+            "entries\nno requests\nno VRFs\n");
 }
 
 TEST(NexthopSimRunner, ShowsTheRootsDumpAndRestartsTheModule) {
