@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -106,6 +107,22 @@ std::string traceUnitList() {
   std::string text;
   for (const std::string& unit : traceUnits()) text += unit + '\n';
   return text;
+}
+
+void traceStampIs(std::function<std::string()> stamp) {
+  DualLog::textSinkIs([stamp = std::move(stamp)](const DualLog::TextRecord& r) {
+    static std::FILE* const file = [] {
+      const char* path = std::getenv("FWD_TRACE_FILE");
+      std::FILE* f = path && *path ? std::fopen(path, "a") : nullptr;
+      return f ? f : stderr;
+    }();
+    std::string line = "[" + stamp() + "] ";
+    line.append(r.file).append(":").append(std::to_string(r.line)).append(" ");
+    line.append(r.shortFunction).append(" [").append(r.handle).append("/");
+    line.append(std::to_string(r.level)).append("] ").append(r.text).append("\n");
+    std::fwrite(line.data(), 1, line.size(), file);
+    std::fflush(file);
+  });
 }
 
 void ringTargetCheck(const std::string& ring, const std::vector<std::string>& inputs, bool force) {

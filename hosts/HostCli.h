@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -44,6 +45,10 @@ const std::vector<std::string>& traceUnits();
 void traceFilterCheck(std::string_view filter);
 // One known unit per line, as `--trace list` prints them.
 std::string traceUnitList();
+// Text trace lines start with "[STAMP] ", `stamp` being the host's time ("12ms" in the
+// simulator), so that they line up with the status lines; they go where the default sink sends
+// them (FWD_TRACE_FILE, else standard error).
+void traceStampIs(std::function<std::string()> stamp);
 
 // The ring trace's default size.
 inline constexpr size_t kDefaultRingBytes = size_t{8} << 20;

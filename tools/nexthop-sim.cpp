@@ -144,16 +144,24 @@ int main(int argc, char** argv) {
   }
   if (auto failed = startTracing(app, options)) return *failed;
   int status = Sim::Scenario::kPassed;
+  // Trace lines carry the virtual time, also those written while the host is built.
+  const Sim::SimHost* clock = nullptr;
+  Hosts::Cli::traceStampIs([&clock] { return std::to_string(clock ? clock->now() : 0) + "ms"; });
   {
     Sim::SimHost host;
+    clock = &host;
     Sim::Scenario scenario(host, std::cout, std::cerr,
                            options.json ? Hosts::OutputFormat::json : Hosts::OutputFormat::text);
     status = runScenario(options, scenario);
+    const bool ranFile = !options.file.empty() || !options.interactive;
+    if (ranFile && status != Sim::Scenario::kInputError) std::cerr << scenario.summary() << '\n';
     if (status != Sim::Scenario::kInputError && options.interactive) {
       status = scenario.runStream(std::cin, "<stdin>", true);
     }
     if (options.dump) scenario.dumpOut();
+    clock = nullptr;
   }
+  DualLog::textSinkIs(nullptr);
   if (!options.ring.empty()) RingLog::close();
   return Hosts::Cli::finishOutput(kProgram, status);
 }

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -49,7 +50,23 @@ std::vector<std::string_view> tokens(std::string_view line) {
   return out;
 }
 
+// "byte 0x01 at 3" when `text` holds a NUL or another control character, else nothing.
+std::optional<std::string> controlCharacter(std::string_view text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x20 || byte == 0x7f) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      return std::string("byte 0x") + kHex[byte >> 4] + kHex[byte & 15] + " at " +
+             std::to_string(i + 1);
+    }
+  }
+  return std::nullopt;
+}
+
 L3::VrfName vrfName(std::string_view text) {
+  if (const auto bad = controlCharacter(text)) {
+    throw InputError("VRF name with a control character (" + *bad + ")");
+  }
   if (text.size() > L3::VrfName::maxLength()) {
     throw InputError("VRF name of " + std::to_string(text.size()) + " bytes is over " +
                      std::to_string(L3::VrfName::maxLength()));
@@ -76,6 +93,9 @@ Netval::IpGenAddr ipv4(std::string_view text) {
 }
 
 Netval::IntfId interface(std::string_view text) {
+  if (const auto bad = controlCharacter(text)) {
+    throw InputError("interface name with a control character (" + *bad + ")");
+  }
   try {
     const Netval::IntfId intfId = Netval::IntfId::fromText(text);
     if (!intfId.empty()) return intfId;
@@ -92,10 +112,42 @@ Netval::EthAddr mac(std::string_view text) {
   }
 }
 
+// Whether a MAC may be zero: a neighbour entry without a MAC is an incomplete one (a host's
+// neighbour table has those), a host or an nhIndex never has one.
+enum class ZeroMac { refused, incomplete };
+
+// The MAC of a host, a neighbour or an nhIndex: never broadcast or multicast.
+Netval::EthAddr unicastMac(std::string_view text, ZeroMac zero = ZeroMac::refused) {
+  const Netval::EthAddr ethAddr = mac(text);
+  const bool multicast = (ethAddr.value() >> 40) & 1;
+  if ((ethAddr.isZero() && zero == ZeroMac::refused) || multicast) {
+    throw InputError("bad MAC address " + quoted(text) + ": not a unicast address");
+  }
+  return ethAddr;
+}
+
+// The address of a neighbour or a via: IPv4, neither 0.0.0.0 nor 255.255.255.255.
+Netval::IpGenAddr hostAddress(std::string_view text) {
+  const Netval::IpGenAddr addr = ipv4(text);
+  if (addr.v4() == 0 || addr.v4() == 0xffffffffu) {
+    throw InputError("bad address " + quoted(text) + ": not a host's address");
+  }
+  return addr;
+}
+
+Prefix prefix(std::string_view text) {
+  try {
+    return Prefix::fromText(text);
+  } catch (const HostError& e) {
+    throw InputError(e.what());
+  }
+}
+
 uint64_t number(std::string_view text, uint64_t max) {
   uint64_t value = 0;
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (ec != std::errc() || end != text.data() + text.size() || value > max) {
+  const bool leadingZero = text.size() > 1 && text[0] == '0';
+  if (ec != std::errc() || end != text.data() + text.size() || value > max || leadingZero) {
     throw InputError("bad number " + quoted(text) + " (0 to " + std::to_string(max) + ")");
   }
   return value;
@@ -168,13 +220,13 @@ struct RouteArgs {
 
 // "VRF PREFIX" then vias: "via ADDR dev INTF" or, for a directly attached route, "dev INTF".
 RouteArgs routeArgs(ScenarioArgs& args) {
-  RouteArgs route{vrfName(args.next("VRF")), Prefix::fromText(args.next("PREFIX")), {}};
+  RouteArgs route{vrfName(args.next("VRF")), prefix(args.next("PREFIX")), {}};
   const Netval::IpGenAddr attached = Netval::IpGenAddr::ipv4(0);
   do {
     Netval::IpGenAddr hop = attached;
     if (args.peek() == "via") {
       args.keyword("via");
-      hop = ipv4(args.next("ADDR"));
+      hop = hostAddress(args.next("ADDR"));
     }
     args.keyword("dev");
     route.vias.emplace_back(interface(args.next("INTF")), hop);
@@ -185,9 +237,9 @@ RouteArgs routeArgs(ScenarioArgs& args) {
 // INTF ADDR lladdr MAC [l2 INTF|none]
 std::pair<Plane::NextHopKey, Plane::NextHopInfo> neighArgs(ScenarioArgs& args) {
   const Netval::IntfId intfId = interface(args.next("INTF"));
-  const Netval::IpGenAddr addr = ipv4(args.next("ADDR"));
+  const Netval::IpGenAddr addr = hostAddress(args.next("ADDR"));
   args.keyword("lladdr");
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
+  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"), ZeroMac::incomplete);
   Netval::IntfId l2Intf = intfId;
   if (args.more()) {
     args.keyword("l2");
@@ -200,8 +252,26 @@ std::pair<Plane::NextHopKey, Plane::NextHopInfo> neighArgs(ScenarioArgs& args) {
 
 Plane::NextHopKey neighKey(ScenarioArgs& args) {
   const Netval::IntfId intfId = interface(args.next("INTF"));
-  const Netval::IpGenAddr addr = ipv4(args.next("ADDR"));
+  const Netval::IpGenAddr addr = hostAddress(args.next("ADDR"));
   return Plane::NextHopKey(intfId, addr);
+}
+
+// INTF ADDR [lladdr] MAC
+std::pair<Plane::NextHopKey, Netval::EthAddr> hostArgs(ScenarioArgs& args) {
+  const Plane::NextHopKey key = neighKey(args);
+  if (args.peek() == "lladdr") args.keyword("lladdr");
+  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"));
+  args.end();
+  return {key, ethAddr};
+}
+
+// INTF INDEX MAC
+std::tuple<Netval::IntfId, uint32_t, Netval::EthAddr> nhIndexArgs(ScenarioArgs& args) {
+  const Netval::IntfId intfId = interface(args.next("INTF"));
+  const uint32_t nhIndex = number32(args.next("INDEX"));
+  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"));
+  args.end();
+  return {intfId, nhIndex, ethAddr};
 }
 
 FwdL3Unicast::NexthopNhIndexResolverKey requestKey(ScenarioArgs& args) {
@@ -238,7 +308,8 @@ const Scenario::Command* Scenario::commands(size_t& count) {
        "neigh replace INTF ADDR lladdr MAC [l2 INTF|none]",
        &Scenario::cmdNeighReplace},
       {{"neigh", "del"}, "neigh del INTF ADDR", &Scenario::cmdNeighDel},
-      {{"host", "add"}, "host add INTF ADDR MAC", &Scenario::cmdHostAdd},
+      {{"host", "add"}, "host add INTF ADDR [lladdr] MAC", &Scenario::cmdHostAdd},
+      {{"host", "replace"}, "host replace INTF ADDR [lladdr] MAC", &Scenario::cmdHostReplace},
       {{"host", "del"}, "host del INTF ADDR", &Scenario::cmdHostDel},
       {{"arp-delay"}, "arp-delay MS", &Scenario::cmdArpDelay},
       {{"nh-table", "add"}, "nh-table add INTF", &Scenario::cmdNhTableAdd},
@@ -261,7 +332,7 @@ const Scenario::Command* Scenario::commands(size_t& count) {
       {{"show", "dump"}, "show dump", &Scenario::cmdShowDump},
       {{"explain"}, "explain VRF ADDR INTF", &Scenario::cmdExplain},
       {{"expect", "status"},
-       "expect status VRF ADDR INTF nhindex N | none",
+       "expect status VRF ADDR INTF nhIndex N | none",
        &Scenario::cmdExpectStatus},
       {{"expect", "statuses"}, "expect statuses N", &Scenario::cmdExpectStatuses},
       {{"expect", "arp"}, "expect arp INTF ADDR present|absent", &Scenario::cmdExpectArp},
@@ -341,6 +412,12 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
   try {
     (this->*found->run)(args);
     host_.runDue();
+  } catch (const InputError& e) {
+    // A malformed value: the message names the form the command expects.
+    const std::string what = e.what();
+    const bool named = what.find("(usage: ") != std::string::npos;
+    err_ << place << what << (named ? "" : " (usage: " + std::string(found->usage) + ")") << '\n';
+    return LineResult::error;
   } catch (const HostError& e) {
     err_ << place << e.what() << '\n';
     return LineResult::error;
@@ -381,7 +458,13 @@ Scenario::ExitStatus Scenario::runStream(std::istream& in, std::string_view file
 }
 
 void Scenario::expect(bool holds, const std::string& expected, const std::string& found) {
+  ++(holds ? expectationsHeld_ : expectationsFailed_);
   if (!holds) failure_ = "expected " + expected + ", found " + found;
+}
+
+std::string Scenario::summary() const {
+  return std::to_string(expectationsHeld_) + " expectation" + (expectationsHeld_ == 1 ? "" : "s") +
+         " held, " + std::to_string(expectationsFailed_) + " failed";
 }
 
 void Scenario::cmdVrfAdd(Args& args) {
@@ -419,9 +502,9 @@ void Scenario::cmdRouteReplace(Args& args) {
 
 void Scenario::cmdRouteDel(Args& args) {
   const L3::VrfName vrf = vrfName(args.next("VRF"));
-  const Prefix prefix = Prefix::fromText(args.next("PREFIX"));
+  const Prefix routePrefix = prefix(args.next("PREFIX"));
   args.end();
-  host_.routeDel(vrf, prefix);
+  host_.routeDel(vrf, routePrefix);
 }
 
 void Scenario::cmdNeighAdd(Args& args) {
@@ -441,10 +524,13 @@ void Scenario::cmdNeighDel(Args& args) {
 }
 
 void Scenario::cmdHostAdd(Args& args) {
-  const Plane::NextHopKey key = neighKey(args);
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
-  args.end();
+  const auto [key, ethAddr] = hostArgs(args);
   host_.hostAdd(key, ethAddr);
+}
+
+void Scenario::cmdHostReplace(Args& args) {
+  const auto [key, ethAddr] = hostArgs(args);
+  host_.hostReplace(key, ethAddr);
 }
 
 void Scenario::cmdHostDel(Args& args) {
@@ -472,18 +558,12 @@ void Scenario::cmdNhTableDel(Args& args) {
 }
 
 void Scenario::cmdNhIndexAdd(Args& args) {
-  const Netval::IntfId intfId = interface(args.next("INTF"));
-  const uint32_t nhIndex = number32(args.next("INDEX"));
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
-  args.end();
+  const auto [intfId, nhIndex, ethAddr] = nhIndexArgs(args);
   host_.nhIndexAdd(intfId, nhIndex, ethAddr);
 }
 
 void Scenario::cmdNhIndexReplace(Args& args) {
-  const Netval::IntfId intfId = interface(args.next("INTF"));
-  const uint32_t nhIndex = number32(args.next("INDEX"));
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
-  args.end();
+  const auto [intfId, nhIndex, ethAddr] = nhIndexArgs(args);
   host_.nhIndexReplace(intfId, nhIndex, ethAddr);
 }
 
@@ -513,7 +593,7 @@ void Scenario::cmdRequestDel(Args& args) {
 }
 
 void Scenario::cmdAdvance(Args& args) {
-  const uint64_t delta = number(args.next("MS"), kMaxMs);
+  const uint64_t delta = number(args.next("MS"), std::numeric_limits<uint64_t>::max());
   args.end();
   host_.advance(delta);
 }
@@ -629,6 +709,7 @@ void Scenario::dumpOut() {
 void Scenario::cmdExplain(Args& args) {
   const auto key = requestKey(args);
   args.end();
+  Hosts::ModuleHost::requestKeyCheck(key);
   show(Hosts::Show::explanation(key, Hosts::explain(host_, key)), Hosts::Show::explanationText);
 }
 
@@ -636,7 +717,8 @@ void Scenario::cmdExpectStatus(Args& args) {
   const auto key = requestKey(args);
   const std::optional<uint32_t> found = host_.statusNhIndex(key);
   const std::string foundText = found ? "nhIndex " + std::to_string(*found) : "none";
-  if (args.choice("nhindex or none", {"nhindex", "none"}) == 1) {
+  // nhIndex as the status lines print it; nhindex as the engine's commands spell it.
+  if (args.choice("nhIndex or none", {"nhIndex", "nhindex", "none"}) == 2) {
     args.end();
     expect(!found, "no status for " + keyText(key), foundText);
     return;

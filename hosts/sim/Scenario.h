@@ -48,6 +48,8 @@ class Scenario {
   // same table that runs them.
   static std::string help();
 
+  // "3 expectations held, 1 failed": the expectations run so far.
+  std::string summary() const;
   // Prints the root's dump in the scenario's format.
   void dumpOut();
 
@@ -69,6 +71,7 @@ class Scenario {
   void cmdNeighReplace(Args& args);
   void cmdNeighDel(Args& args);
   void cmdHostAdd(Args& args);
+  void cmdHostReplace(Args& args);
   void cmdHostDel(Args& args);
   void cmdArpDelay(Args& args);
   void cmdNhTableAdd(Args& args);
@@ -105,6 +108,8 @@ class Scenario {
   std::ostream& err_;
   Hosts::OutputFormat format_;
   bool expectFailed_ = false;
+  size_t expectationsHeld_ = 0;
+  size_t expectationsFailed_ = 0;
   // Set by a failed expectation of the line being run.
   std::string failure_;
 };

@@ -120,7 +120,9 @@ TEST_F(NexthopSimCli, AFailedWriteToStandardOutputExitsWithOne) {
     const Result r =
         ToolRun::run(ToolRun::tool("nexthop-sim"), args, Input::text(""), {}, "/dev/full");
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "nexthop-sim: cannot write standard output: No space left on device\n");
+    EXPECT_THAT(r.err,
+                HasSubstr("failed\nnexthop-sim: cannot write standard output: No space left on "
+                          "device\n"));
   }
 }
 
@@ -163,6 +165,29 @@ TEST_F(NexthopSimCli, RingSizeSetsTheRingFilesSize) {
   expectSize(size_t{1} << 20);
   expectUsageError({"--ring", ring, "--ring-size", "4096", file},
                    "size 4096 is below the minimum of");
+}
+
+TEST_F(NexthopSimCli, TraceLinesCarryTheVirtualTime) {
+  const Result r = sim({"--trace", "*/8", "-"},
+                       Input::text("vrf add red\nadvance 5\nrequest add red 10.0.0.1 Ethernet1\n"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::istringstream lines(r.err);
+  size_t stamped = 0, late = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (line == "0 expectations held, 0 failed") continue;
+    EXPECT_THAT(line, ::testing::MatchesRegex("\\[[0-9]+ms\\] .*")) << line;
+    ++stamped;
+    late += line.starts_with("[5ms] ");
+  }
+  EXPECT_GT(stamped, 0u);
+  EXPECT_GT(late, 0u);
+}
+
+TEST_F(NexthopSimCli, AFileRunEndsWithTheExpectationSummaryOnStderr) {
+  const Result r = sim({dir_.file("s.scn", kScenario + "expect statuses 1\nexpect statuses 2\n")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, (dir_ / "s.scn").string() +
+                       ":8: expected 2 statuses, found 1\n1 expectation held, 1 failed\n");
 }
 
 TEST_F(NexthopSimCli, TraceRefusesAnUnknownUnitListingTheKnownOnes) {
