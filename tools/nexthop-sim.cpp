@@ -1,5 +1,7 @@
 // nexthop-sim: runs the resolver module in a simulated host, driven by a scenario.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
 #include "hosts/HostCli.h"
+#include "hosts/HostLineEditor.h"
 #include "hosts/sim/Scenario.h"
 #include "hosts/sim/SimHost.h"
 
@@ -90,7 +93,10 @@ void optionsIs(CLI::App& app, Options& options) {
       ->type_name("BYTES");
   app.add_flag("--force", options.force, "let --ring overwrite a file that is not a ring trace");
   app.add_flag("--dump", options.dump, "print the module's dump at the end");
-  app.add_flag("-i", options.interactive, "interactive: read commands from the terminal");
+  app.add_flag("-i", options.interactive,
+               "interactive: read commands (after SCENARIO_FILE's) with line editing, history in "
+               "~/.nexthop_sim_history and completion; a refused line is reported and the "
+               "session goes on");
   app.add_flag("-j,--json", options.json,
                "print status lines and command output as JSON, one document per line");
   app.footer("Exit status: 0 all expectations held, 1 an expectation failed, 2 bad input.\n\n" +
@@ -125,6 +131,15 @@ Sim::Scenario::ExitStatus runScenario(const Options& options, Sim::Scenario& sce
   return scenario.runStream(in, options.file, false);
 }
 
+// Commands from the terminal with line editing, history and completion, and a prompt; from
+// anything else line by line, without a prompt.
+Sim::Scenario::ExitStatus runInteractive(Sim::Scenario& scenario) {
+  if (!isatty(STDIN_FILENO)) return scenario.runStream(std::cin, "<stdin>", true);
+  Hosts::LineEditor editor(Hosts::LineEditor::homeFile(".nexthop_sim_history"),
+                           Sim::Scenario::completions);
+  return scenario.runInteractive([&editor] { return editor.line("nexthop-sim> "); }, "<stdin>");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -156,7 +171,7 @@ int main(int argc, char** argv) {
     const bool ranFile = !options.file.empty() || !options.interactive;
     if (ranFile && status != Sim::Scenario::kInputError) std::cerr << scenario.summary() << '\n';
     if (status != Sim::Scenario::kInputError && options.interactive) {
-      status = scenario.runStream(std::cin, "<stdin>", true);
+      status = runInteractive(scenario);
     }
     if (options.dump) scenario.dumpOut();
     clock = nullptr;

@@ -337,6 +337,9 @@ const Scenario::Command* Scenario::commands(size_t& count) {
       {{"expect", "statuses"}, "expect statuses N", &Scenario::cmdExpectStatuses},
       {{"expect", "arp"}, "expect arp INTF ADDR present|absent", &Scenario::cmdExpectArp},
       {{"echo"}, "echo TEXT", &Scenario::cmdEcho},
+      {{"help"}, "help [COMMAND]", &Scenario::cmdHelp},
+      {{"quit"}, "quit", &Scenario::cmdQuit, "ends the run, as exit does"},
+      {{"exit"}, "exit", &Scenario::cmdQuit},
   };
   count = std::size(table);
   return table;
@@ -346,13 +349,14 @@ std::string Scenario::help() {
   std::string text = "Scenario commands (one per line, '#' starts a comment):\n";
   size_t count = 0;
   const Command* table = commands(count);
-  for (size_t i = 0; i < count; ++i) {
-    text += "  ";
-    text += table[i].usage;
-    if (!table[i].note.empty()) text += "  (" + std::string(table[i].note) + ")";
-    text += '\n';
-  }
+  for (size_t i = 0; i < count; ++i) text += helpLine(table[i]);
   return text;
+}
+
+std::string Scenario::helpLine(const Command& command) {
+  std::string line = "  " + std::string(command.usage);
+  if (!command.note.empty()) line += "  (" + std::string(command.note) + ")";
+  return line + '\n';
 }
 
 Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err, Hosts::OutputFormat format)
@@ -434,7 +438,7 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
 
 Scenario::ExitStatus Scenario::runText(std::string_view text, std::string_view file) {
   size_t lineNo = 0;
-  while (!text.empty()) {
+  while (!text.empty() && !quit_) {
     const size_t end = std::min(text.find('\n'), text.size());
     if (runLine(text.substr(0, end), file, ++lineNo) == LineResult::error) return kInputError;
     text.remove_prefix(std::min(end + 1, text.size()));
@@ -444,17 +448,50 @@ Scenario::ExitStatus Scenario::runText(std::string_view text, std::string_view f
 
 Scenario::ExitStatus Scenario::runStream(std::istream& in, std::string_view file,
                                          bool interactive) {
-  size_t lineNo = 0;
   std::string line;
-  while (true) {
-    if (interactive) out_ << "nexthop-sim> " << std::flush;
-    if (!std::getline(in, line)) break;
-    const LineResult result = runLine(line, file, ++lineNo);
-    if (interactive) out_ << std::flush;
-    if (result == LineResult::error && !interactive) return kInputError;
+  const LineReader next = [&]() -> std::optional<std::string> {
+    if (!std::getline(in, line)) return std::nullopt;
+    return line;
+  };
+  if (interactive) return runInteractive(next, file);
+  size_t lineNo = 0;
+  while (!quit_) {
+    const std::optional<std::string> read = next();
+    if (!read) break;
+    if (runLine(*read, file, ++lineNo) == LineResult::error) return kInputError;
   }
-  if (interactive) out_ << '\n';
   return expectFailed_ ? kExpectFailed : kPassed;
+}
+
+Scenario::ExitStatus Scenario::runInteractive(const LineReader& next, std::string_view file) {
+  size_t lineNo = 0;
+  bool refused = false;
+  while (!quit_) {
+    const std::optional<std::string> line = next();
+    if (!line) break;
+    refused |= runLine(*line, file, ++lineNo) == LineResult::error;
+    out_ << std::flush;
+  }
+  if (refused) return kInputError;
+  return expectFailed_ ? kExpectFailed : kPassed;
+}
+
+std::vector<std::string> Scenario::completions(std::string_view line, std::string_view word) {
+  std::vector<std::string_view> before = tokens(line.substr(0, line.size() - word.size()));
+  if (!before.empty() && before[0] == "help") before.erase(before.begin());
+  size_t count = 0;
+  const Command* table = commands(count);
+  std::vector<std::string> out;
+  for (size_t i = 0; i < count && before.size() < 2; ++i) {
+    const Command& c = table[i];
+    if (!before.empty() && c.words[0] != before[0]) continue;
+    const std::string_view candidate = c.words[before.size()];
+    if (!candidate.empty() && candidate.starts_with(word) &&
+        std::find(out.begin(), out.end(), candidate) == out.end()) {
+      out.emplace_back(candidate);
+    }
+  }
+  return out;
 }
 
 void Scenario::expect(bool holds, const std::string& expected, const std::string& found) {
@@ -746,6 +783,30 @@ void Scenario::cmdExpectArp(Args& args) {
          "proactive ARP entry " + key.intfId().name() + " " + key.addr().toString() + " " +
              state(present),
          state(found));
+}
+
+void Scenario::cmdHelp(Args& args) {
+  const std::string topic = args.rest();
+  if (topic.empty()) {
+    out_ << help();
+    return;
+  }
+  const std::vector<std::string_view> words = tokens(topic);
+  size_t count = 0;
+  const Command* table = commands(count);
+  std::string text;
+  for (size_t i = 0; i < count; ++i) {
+    const Command& c = table[i];
+    if (c.words[0] != words[0] || (words.size() > 1 && c.words[1] != words[1])) continue;
+    text += helpLine(c);
+  }
+  if (text.empty()) throw InputError("no command " + quoted(topic) + " (help lists them)");
+  out_ << text;
+}
+
+void Scenario::cmdQuit(Args& args) {
+  args.end();
+  quit_ = true;
 }
 
 void Scenario::cmdEcho(Args& args) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <ostream>
 #include <string>
@@ -40,9 +41,18 @@ class Scenario {
   // Runs every line; stops at the first refused line (kInputError). kExpectFailed when an
   // expectation failed, kPassed otherwise.
   ExitStatus runText(std::string_view text, std::string_view file);
-  // Runs lines read from `in` until its end. Interactive: writes a prompt before each line,
-  // reports refused lines and goes on; otherwise as runText.
+  // Runs lines read from `in` until its end (or quit). Interactive: as runInteractive; otherwise
+  // as runText.
   ExitStatus runStream(std::istream& in, std::string_view file, bool interactive);
+  // The next line of an interactive session; nothing at its end.
+  using LineReader = std::function<std::optional<std::string>()>;
+  // Runs the lines `next` gives until it has none or one is quit or exit: a refused line is
+  // reported and the session goes on. kInputError when a line was refused, else as runText.
+  ExitStatus runInteractive(const LineReader& next, std::string_view file);
+
+  // The command words that complete `word`, the word being typed at the end of `line`: a
+  // command's first word, its second, or a command's first word after help.
+  static std::vector<std::string> completions(std::string_view line, std::string_view word);
 
   // The command summary that `nexthop-sim --help` prints: one line per command, made from the
   // same table that runs them.
@@ -57,6 +67,8 @@ class Scenario {
   using Args = detail::ScenarioArgs;
   struct Command;
   static const Command* commands(size_t& count);
+  // "  usage  (note)\n", as help prints a command.
+  static std::string helpLine(const Command& command);
   // The command the line's first words name, null when none does.
   static const Command* command(const std::vector<std::string_view>& words);
   static std::string unknownCommand(const std::vector<std::string_view>& words);
@@ -97,6 +109,8 @@ class Scenario {
   void cmdExpectStatuses(Args& args);
   void cmdExpectArp(Args& args);
   void cmdEcho(Args& args);
+  void cmdHelp(Args& args);
+  void cmdQuit(Args& args);
 
   // An optional VRF name, then the end of the line.
   static std::optional<L3::VrfName> optionalVrf(Args& args);
@@ -108,6 +122,8 @@ class Scenario {
   std::ostream& err_;
   Hosts::OutputFormat format_;
   bool expectFailed_ = false;
+  // Set by quit or exit: the run ends after the line.
+  bool quit_ = false;
   size_t expectationsHeld_ = 0;
   size_t expectationsFailed_ = 0;
   // Set by a failed expectation of the line being run.

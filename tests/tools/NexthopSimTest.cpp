@@ -452,13 +452,48 @@ TEST(NexthopSimRunner, InteractiveModeReportsRefusedLinesAndGoesOn) {
   std::ostringstream err;
   Scenario scenario(host, out, err);
   std::istringstream in("vrf add red\nvrf add red\necho still here\nexpect statuses 1\n");
-  EXPECT_EQ(scenario.runStream(in, "<stdin>", true), Scenario::kExpectFailed);
+  EXPECT_EQ(scenario.runStream(in, "<stdin>", true), Scenario::kInputError);
   EXPECT_EQ(err.str(),
             "<stdin>:2: VRF red exists\n"
             "<stdin>:4: expected 1 statuses, found 0\n");
-  EXPECT_EQ(out.str(),
-            "nexthop-sim> nexthop-sim> nexthop-sim> still here\nnexthop-sim> "
-            "nexthop-sim> \n");
+  EXPECT_EQ(out.str(), "still here\n");
+}
+
+TEST(NexthopSimRunner, InteractiveModeEndsWithAFailedExpectationWhenNoLineWasRefused) {
+  Sim::SimHost host;
+  std::ostringstream out, err;
+  Scenario scenario(host, out, err);
+  std::istringstream in("vrf add red\nexpect statuses 1\n");
+  EXPECT_EQ(scenario.runStream(in, "<stdin>", true), Scenario::kExpectFailed);
+}
+
+TEST(NexthopSimRunner, QuitAndExitEndTheRun) {
+  for (const char* word : {"quit", "exit"}) {
+    const SimRun result = run("echo one\n" + std::string(word) + "\necho two\n");
+    EXPECT_EQ(result.status, Scenario::kPassed) << word;
+    EXPECT_EQ(result.out, "one\n") << word;
+  }
+}
+
+TEST(NexthopSimRunner, HelpPrintsEveryCommandOrTheNamedOnes) {
+  EXPECT_EQ(run("help").out, Scenario::help());
+  EXPECT_EQ(run("help route").out,
+            "  route add VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...] | dev INTF\n"
+            "  route replace VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...] | dev INTF\n"
+            "  route del VRF PREFIX\n");
+  EXPECT_EQ(run("help vrf del").out, "  vrf del NAME\n");
+  expectRefused("help bogus", "no command 'bogus' (help lists them) (usage: help [COMMAND])");
+}
+
+TEST(NexthopSimParser, CompletesCommandWords) {
+  using V = std::vector<std::string>;
+  EXPECT_EQ(Scenario::completions("sh", "sh"), V{"show"});
+  EXPECT_EQ(Scenario::completions("e", "e"), (V{"engine", "explain", "expect", "echo", "exit"}));
+  EXPECT_EQ(Scenario::completions("show n", "n"), (V{"neigh", "nh-table"}));
+  EXPECT_EQ(Scenario::completions("vrf ", ""), (V{"add", "del"}));
+  EXPECT_EQ(Scenario::completions("help ro", "ro"), V{"route"});
+  EXPECT_EQ(Scenario::completions("vrf add re", "re"), V{});
+  EXPECT_EQ(Scenario::completions("bogus ", ""), V{});
 }
 
 TEST(NexthopSimRunner, AStreamThatIsNotInteractiveStopsAtTheFirstRefusedLine) {
