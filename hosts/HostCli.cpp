@@ -109,6 +109,42 @@ std::string traceUnitList() {
   return text;
 }
 
+CLI::Option* jsonOptionIs(CLI::App& app, bool& json, const std::string& description) {
+  return app.add_flag("-j,--json", json, description);
+}
+
+CLI::Option* traceOptionIs(CLI::App& app, std::string& filter) {
+  return app
+      .add_option("--trace", filter,
+                  "text trace to stderr, e.g. '*/8' (same syntax as FWD_TRACE); 'list' prints "
+                  "the trace units")
+      ->type_name("FILTER");
+}
+
+void traceStart(const std::string& filter) {
+  if (filter.empty()) return;
+  traceFilterCheck(filter);
+  DualLog::textFilterIs(filter);
+}
+
+void ringOptionsIs(CLI::App& app, RingOptions& ring) {
+  app.add_option("--ring", ring.path, "binary ring trace to FILE (read it with ringlog-cat)")
+      ->type_name("FILE");
+  app.add_option("--ring-size", ring.bytes, "size of the ring trace file (default 8 MiB)")
+      ->type_name("BYTES");
+  app.add_flag("--force", ring.force, "let --ring overwrite a file that is not a ring trace");
+}
+
+void ringStart(const RingOptions& ring, const std::vector<std::string>& inputs) {
+  if (ring.path.empty()) return;
+  ringTargetCheck(ring.path, inputs, ring.force);
+  try {
+    RingLog::open(ring.path, ring.bytes);
+  } catch (const std::runtime_error& e) {
+    throw UsageError(e.what());
+  }
+}
+
 void traceStampIs(std::function<std::string()> stamp) {
   DualLog::textSinkIs([stamp = std::move(stamp)](const DualLog::TextRecord& r) {
     static std::FILE* const file = [] {

@@ -50,8 +50,29 @@ std::string traceUnitList();
 // them (FWD_TRACE_FILE, else standard error).
 void traceStampIs(std::function<std::string()> stamp);
 
+// -j/--json, as every program spells it.
+CLI::Option* jsonOptionIs(CLI::App& app, bool& json, const std::string& description);
+
+// --trace FILTER: checked by traceStart().
+CLI::Option* traceOptionIs(CLI::App& app, std::string& filter);
+// Turns the text trace on for `filter` (nothing for an empty one) after traceFilterCheck();
+// throws UsageError.
+void traceStart(const std::string& filter);
+
 // The ring trace's default size.
 inline constexpr size_t kDefaultRingBytes = size_t{8} << 20;
+
+// --ring FILE, --ring-size BYTES and --force, as ringOptionsIs() adds them.
+struct RingOptions {
+  std::string path;
+  size_t bytes = kDefaultRingBytes;
+  bool force = false;
+};
+void ringOptionsIs(CLI::App& app, RingOptions& ring);
+// Opens the ring after ringTargetCheck() against `inputs` (nothing when no --ring); throws
+// UsageError.
+void ringStart(const RingOptions& ring, const std::vector<std::string>& inputs);
+
 // Throws UsageError unless `ring` may be (re)written: it must not be one of `inputs` (compared
 // as files, so another spelling of the same path counts), and when it exists it must be a ring
 // trace file, unless `force`. A directory or device is never a ring.

@@ -67,9 +67,7 @@ expect statuses 0
 struct Options {
   std::string file;
   std::string trace;
-  std::string ring;
-  size_t ringBytes = Hosts::Cli::kDefaultRingBytes;
-  bool force = false;
+  Hosts::Cli::RingOptions ring;
   bool dump = false;
   bool interactive = false;
   bool json = false;
@@ -83,22 +81,15 @@ void optionsIs(CLI::App& app, Options& options) {
       "Runs the next-hop index resolver in a simulated host, driven by a scenario. Without a "
       "file it runs the built-in demo; '-' reads the scenario from standard input.");
   app.add_option("SCENARIO_FILE", options.file, "scenario file, or '-' for standard input");
-  app.add_option("--trace", options.trace,
-                 "text trace to stderr, e.g. '*/8' (same syntax as FWD_TRACE); 'list' prints "
-                 "the trace units")
-      ->type_name("FILTER");
-  app.add_option("--ring", options.ring, "binary ring trace to FILE (read it with ringlog-cat)")
-      ->type_name("FILE");
-  app.add_option("--ring-size", options.ringBytes, "size of the ring trace file (default 8 MiB)")
-      ->type_name("BYTES");
-  app.add_flag("--force", options.force, "let --ring overwrite a file that is not a ring trace");
+  Hosts::Cli::traceOptionIs(app, options.trace);
+  Hosts::Cli::ringOptionsIs(app, options.ring);
   app.add_flag("--dump", options.dump, "print the module's dump at the end");
   app.add_flag("-i", options.interactive,
                "interactive: read commands (after SCENARIO_FILE's) with line editing, history in "
                "~/.nexthop_sim_history and completion; a refused line is reported and the "
                "session goes on");
-  app.add_flag("-j,--json", options.json,
-               "print status lines and command output as JSON, one document per line");
+  Hosts::Cli::jsonOptionIs(app, options.json,
+                           "print status lines and command output as JSON, one document per line");
   app.footer("Exit status: 0 all expectations held, 1 an expectation failed, 2 bad input.\n\n" +
              Sim::Scenario::help());
 }
@@ -107,14 +98,8 @@ void optionsIs(CLI::App& app, Options& options) {
 // program ends here.
 std::optional<int> startTracing(const CLI::App& app, const Options& options) {
   try {
-    if (!options.trace.empty()) {
-      Hosts::Cli::traceFilterCheck(options.trace);
-      DualLog::textFilterIs(options.trace);
-    }
-    if (!options.ring.empty()) {
-      Hosts::Cli::ringTargetCheck(options.ring, {options.file}, options.force);
-      RingLog::open(options.ring, options.ringBytes);
-    }
+    Hosts::Cli::traceStart(options.trace);
+    Hosts::Cli::ringStart(options.ring, {options.file});
   } catch (const std::exception& e) {
     return Hosts::Cli::usageError(app, e.what());
   }
@@ -177,6 +162,6 @@ int main(int argc, char** argv) {
     clock = nullptr;
   }
   DualLog::textSinkIs(nullptr);
-  if (!options.ring.empty()) RingLog::close();
+  if (!options.ring.path.empty()) RingLog::close();
   return Hosts::Cli::finishOutput(kProgram, status);
 }

@@ -128,9 +128,10 @@ int main(int argc, char** argv) {
   app.add_option("--level", options.level, "only the records of this level or a lower one")
       ->type_name("LEVEL")
       ->check(CLI::Range(0u, 9u));
-  app.add_flag("-j,--json", options.json,
-               "one JSON document: {\"droppedRecords\": N, \"records\": [{\"seq\", \"file\", "
-               "\"line\", \"unit\", \"level\", \"function\", \"text\"}]}");
+  Hosts::Cli::jsonOptionIs(
+      app, options.json,
+      "one JSON document: {\"droppedRecords\": N, \"records\": [{\"seq\", \"file\", "
+      "\"line\", \"unit\", \"level\", \"function\", \"text\"}]}");
   app.footer(
       "A damaged block or record is reported on stderr and skipped; the other records are still "
       "printed. The count of records the writer dropped is reported on stderr.\n"

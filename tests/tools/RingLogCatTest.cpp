@@ -312,4 +312,12 @@ TEST_F(RingLogCatTest, JsonHoldsEveryRecord) {
                               first["text"].get<std::string>()));
 }
 
+TEST_F(RingLogCatTest, AFailedWriteToStandardOutputExitsWithOne) {
+  const std::string path = writeRing(dir_, 3);
+  const ToolRun::Result r =
+      ToolRun::run(tool_, {path}, ToolRun::Input::text(""), {}, std::string("/dev/full"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "ringlog-cat: cannot write standard output: No space left on device\n");
+}
+
 }  // namespace
