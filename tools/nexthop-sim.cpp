@@ -15,6 +15,7 @@
 #include "framework/RingLog.h"
 #include "hosts/HostCli.h"
 #include "hosts/HostLineEditor.h"
+#include "hosts/HostOutput.h"
 #include "hosts/sim/Scenario.h"
 #include "hosts/sim/SimHost.h"
 
@@ -133,7 +134,11 @@ int main(int argc, char** argv) {
   optionsIs(app, options);
   if (auto done = Hosts::Cli::parse(app, argc, argv)) return *done;
   if (options.trace == "list") {
-    std::cout << Hosts::Cli::traceUnitList();
+    if (options.json) {
+      std::cout << Hosts::Json(Hosts::Cli::traceUnits()).dump() << '\n';
+    } else {
+      std::cout << Hosts::Cli::traceUnitList();
+    }
     return Hosts::Cli::finishOutput(kProgram, 0);
   }
   if (!options.file.empty()) {

@@ -787,21 +787,21 @@ void Scenario::cmdExpectArp(Args& args) {
 
 void Scenario::cmdHelp(Args& args) {
   const std::string topic = args.rest();
-  if (topic.empty()) {
-    out_ << help();
-    return;
-  }
   const std::vector<std::string_view> words = tokens(topic);
   size_t count = 0;
   const Command* table = commands(count);
-  std::string text;
-  for (size_t i = 0; i < count; ++i) {
+  std::string text = topic.empty() ? help() : "";
+  for (size_t i = 0; i < count && !topic.empty(); ++i) {
     const Command& c = table[i];
     if (c.words[0] != words[0] || (words.size() > 1 && c.words[1] != words[1])) continue;
     text += helpLine(c);
   }
   if (text.empty()) throw InputError("no command " + quoted(topic) + " (help lists them)");
-  out_ << text;
+  if (format_ == Hosts::OutputFormat::json) {
+    out_ << Hosts::Json{{"help", text}}.dump() << '\n';
+  } else {
+    out_ << text;
+  }
 }
 
 void Scenario::cmdQuit(Args& args) {

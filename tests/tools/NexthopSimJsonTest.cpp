@@ -101,4 +101,16 @@ TEST(NexthopSimJson, TextStaysTheDefault) {
             "status red 10.1.0.1 Ethernet1 nhIndex 17\n");
 }
 
+TEST(NexthopSimJson, HelpAndTheTraceUnitsAreDocumentsToo) {
+  const std::vector<json> docs = runJson("help\nhelp vrf del\n");
+  ASSERT_EQ(docs.size(), 2u);
+  EXPECT_THAT(docs[0]["help"].get<std::string>(), ::testing::HasSubstr("  vrf add NAME [id N]\n"));
+  EXPECT_EQ(docs[1], json::parse(R"({"help": "  vrf del NAME\n"})"));
+  const Result r = ToolRun::run(ToolRun::tool("nexthop-sim"), {"--json", "--trace", "list"});
+  EXPECT_EQ(r.status, 0);
+  const json units = json::parse(r.out);
+  ASSERT_TRUE(units.is_array());
+  EXPECT_EQ(units[0], "FwdNexthopNhIndexResolverSm");
+}
+
 }  // namespace
