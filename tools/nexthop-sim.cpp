@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
@@ -141,8 +142,12 @@ int main(int argc, char** argv) {
     }
     return Hosts::Cli::finishOutput(kProgram, 0);
   }
-  if (!options.file.empty()) {
-    if (auto problem = Hosts::Cli::inputProblem(options.file, "scenario file")) {
+  // The scenario file, and standard input when -i reads it.
+  std::vector<std::string> inputs;
+  if (!options.file.empty()) inputs.push_back(options.file);
+  if (options.interactive && options.file != "-") inputs.push_back("-");
+  for (const std::string& input : inputs) {
+    if (auto problem = Hosts::Cli::inputProblem(input, "scenario file")) {
       std::cerr << kProgram << ": " << *problem << '\n';
       return Sim::Scenario::kInputError;
     }

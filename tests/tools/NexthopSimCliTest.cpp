@@ -105,10 +105,12 @@ TEST_F(NexthopSimCli, RefusesAnUnreadableScenarioFile) {
 }
 
 TEST_F(NexthopSimCli, RefusesAClosedOrDirectoryStandardInput) {
-  Result r = sim({"-"}, Input::closed());
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err, "nexthop-sim: cannot read standard input: Bad file descriptor\n");
-  r = sim({"-"}, Input::path(dir_.path().string()));
+  for (const char* arg : {"-", "-i"}) {
+    const Result closed = sim({arg}, Input::closed());
+    EXPECT_EQ(closed.status, 2) << arg;
+    EXPECT_EQ(closed.err, "nexthop-sim: cannot read standard input: Bad file descriptor\n") << arg;
+  }
+  const Result r = sim({"-"}, Input::path(dir_.path().string()));
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err, "nexthop-sim: cannot read standard input: Is a directory\n");
 }
