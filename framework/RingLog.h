@@ -336,7 +336,7 @@ void write(const MessageInfo& message, A&&... args) noexcept {
 // Decodes a ring file into one line per surviving record, oldest first:
 // "<seq> <file>:<line> [<handle>/<level>] <function>: <pieces and values>". Throws
 // std::runtime_error naming the file and the problem for a file that is missing, not a ring trace
-// (magic, version, byte order, size) or corrupt.
+// (magic, version, byte order, size) or corrupt. RingLogReader.h reads a file a block at a time.
 std::vector<std::string> decodeFile(const std::string& path);
 
 }  // namespace RingLog

@@ -56,9 +56,11 @@ std::string noVia(const ModuleHost& host, const VrfNexthopNhIndexResolverSm& pip
   if (!fec || fec->viaCount() == 0) return where + " has no via";
   std::vector<std::string> vias;
   for (const Memtab::FibGen::Via& via : fec->vias()) {
-    vias.push_back(via.hop().toString() + " dev " + via.intfId().name());
+    // As show routes prints it: a directly attached via has no address.
+    vias.push_back((via.hop().isAddrZero() ? "" : "via " + via.hop().toString() + " ") + "dev " +
+                   via.intfId().name());
   }
-  return where + " has via " + joined(vias);
+  return where + " has " + joined(vias);
 }
 
 // Stage 2 has no MAC for the via: the neighbour entry is missing or incomplete.

@@ -30,6 +30,7 @@ Prefix Prefix::fromText(std::string_view text) {
   if (addr.af() != Netval::AddressFamily::ipv4_) throw bad("not an IPv4 address");
   const std::string_view lengthText = text.substr(slash + 1);
   if (lengthText.empty() || lengthText.size() > 2 ||
+      (lengthText.size() > 1 && lengthText[0] == '0') ||
       !std::all_of(lengthText.begin(), lengthText.end(),
                    [](char c) { return c >= '0' && c <= '9'; })) {
     throw bad("length is not a number from 0 to 32");

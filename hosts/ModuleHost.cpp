@@ -1,5 +1,7 @@
 #include "hosts/ModuleHost.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "framework/CoreDump.h"
@@ -43,22 +45,26 @@ bool ModuleHost::vrfHas(const L3::VrfName& vrfName) const {
 
 void ModuleHost::vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> vrfId) {
   if (vrfHas(vrfName)) throw HostError("VRF " + vrfName.str() + " exists");
-  const Plane::VrfL3StatusAll& vrfs = *inputs_.vrfStatusAll;
-  const auto owner = [&](Plane::VrfId id) -> const L3::VrfName* {
-    for (const auto& entry : vrfs.vrfId()) {
-      if (entry.value == id) return &entry.key;
-    }
-    return nullptr;
-  };
+  // The proactive-ARP id of a VRF is its id plus the offset, in 32 bits.
+  constexpr Plane::VrfId kMaxVrfId =
+      std::numeric_limits<Plane::VrfId>::max() - Plane::VrfL3StatusAll::arpVrfIdOffset;
   if (vrfId) {
     if (*vrfId == 0) throw HostError("VRF id 0 is not a VRF's id");
-    if (const L3::VrfName* other = owner(*vrfId)) {
-      throw HostError("VRF id " + std::to_string(*vrfId) + " belongs to VRF " + other->str());
+    if (*vrfId > kMaxVrfId) {
+      throw HostError("VRF id " + std::to_string(*vrfId) +
+                      " is too large: its proactive ARP id would not fit (at most " +
+                      std::to_string(kMaxVrfId) + ")");
+    }
+    if (const auto other = vrfOwners_.find(*vrfId); other != vrfOwners_.end()) {
+      throw HostError("VRF id " + std::to_string(*vrfId) + " belongs to VRF " +
+                      other->second.str());
     }
   } else {
-    vrfId = 1;
-    while (owner(*vrfId)) ++*vrfId;
+    while (vrfOwners_.contains(lowestFreeVrfId_)) ++lowestFreeVrfId_;
+    if (lowestFreeVrfId_ > kMaxVrfId) throw HostError("no free VRF id");
+    vrfId = lowestFreeVrfId_;
   }
+  vrfOwners_.emplace(*vrfId, vrfName);
   // The client may mount the VRF's FEC table once the VRF is up: publish it first.
   routing_->vrfTableIs(vrfName);
   inputs_.vrfStatusAll->vrfIdIs(vrfName, *vrfId);
@@ -67,6 +73,11 @@ void ModuleHost::vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> 
 
 void ModuleHost::vrfDel(const L3::VrfName& vrfName) {
   if (!vrfHas(vrfName)) throw HostError("no VRF " + vrfName.str());
+  if (inputs_.vrfStatusAll->vrfIdHas(vrfName)) {
+    const Plane::VrfId vrfId = inputs_.vrfStatusAll->vrfId(vrfName);
+    vrfOwners_.erase(vrfId);
+    lowestFreeVrfId_ = std::min(lowestFreeVrfId_, vrfId);
+  }
   inputs_.vrfStatusAll->vrfStatusDel(vrfName);
   inputs_.vrfStatusAll->vrfIdDel(vrfName);
 }
@@ -76,11 +87,15 @@ void ModuleHost::fecModeIs(Memtab::Fib::FecMode fecMode) {
   routing_->fecModeIs(fecMode);
 }
 
-void ModuleHost::requestAdd(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
+void ModuleHost::requestKeyCheck(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
   const Netval::IpGenAddr& nexthop = key.nexthop();
   if (nexthop.af() != Netval::AddressFamily::ipv4_ || nexthop.isAddrZero()) {
     throw HostError("next hop " + nexthop.toString() + " is not a non-zero IPv4 address");
   }
+}
+
+void ModuleHost::requestAdd(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
+  requestKeyCheck(key);
   if (requestHas(key)) throw HostError("request " + keyText(key) + " exists");
   requestSeen_ = true;
   inputs_.configDir->configIs(key);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
@@ -45,6 +46,9 @@ class ModuleHost {
   void restart();
 
   void statusSinkIs(StatusLog::Sink sink) { statusLog_->sinkIs(std::move(sink)); }
+  void statusFormatIs(OutputFormat format) { statusLog_->formatIs(format); }
+  // How status lines are stamped; null for the scheduler's time in milliseconds.
+  void statusStamperIs(StatusLog::Stamper stamper) { statusLog_->stamperIs(std::move(stamper)); }
 
   Time now() const { return inputs_.scheduler->now(); }
   // Runs every task due at the current time, including those they queue for it.
@@ -52,7 +56,8 @@ class ModuleHost {
 
   // The VRF's id (the lowest id no other VRF uses, unless given), then its L3 status; its own FEC
   // table is published first, so the module can mount it as soon as the VRF is up. Throws when the
-  // VRF exists, for id 0 or an id another VRF has.
+  // VRF exists, for id 0, an id whose proactive-ARP id would not fit in 32 bits or an id another
+  // VRF has.
   void vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> vrfId = std::nullopt);
   // Its L3 status, then its id. Throws when the VRF does not exist.
   void vrfDel(const L3::VrfName& vrfName);
@@ -64,6 +69,8 @@ class ModuleHost {
 
   // Throws for a next hop that is not a non-zero IPv4 address and for a request that exists.
   void requestAdd(const FwdL3Unicast::NexthopNhIndexResolverKey& key);
+  // Throws for a key no request may have: a next hop that is not a non-zero IPv4 address.
+  static void requestKeyCheck(const FwdL3Unicast::NexthopNhIndexResolverKey& key);
   // Throws when there is no such request.
   void requestDel(const FwdL3Unicast::NexthopNhIndexResolverKey& key);
   bool requestHas(const FwdL3Unicast::NexthopNhIndexResolverKey& key) const {
@@ -115,6 +122,10 @@ class ModuleHost {
   ForwardingEngine::Ptr engine_;
   StatusLog::Ptr statusLog_;
   bool requestSeen_ = false;
+  // The VRF of each id vrfAdd gave, and no id below lowestFreeVrfId_ is free: finding the next
+  // free id costs constant time for VRFs added one after another.
+  std::unordered_map<Plane::VrfId, L3::VrfName> vrfOwners_;
+  Plane::VrfId lowestFreeVrfId_ = 1;
   FwdL3Unicast::NexthopNhIndexResolverSm::Ptr root_;
 };
 

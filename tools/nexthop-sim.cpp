@@ -1,5 +1,7 @@
 // nexthop-sim: runs the resolver module in a simulated host, driven by a scenario.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -8,25 +10,17 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
+#include "hosts/HostCli.h"
+#include "hosts/HostLineEditor.h"
+#include "hosts/HostOutput.h"
 #include "hosts/sim/Scenario.h"
 #include "hosts/sim/SimHost.h"
 
 namespace {
-
-constexpr const char* kUsage =
-    "usage: nexthop-sim [options] [SCENARIO_FILE|-]\n"
-    "Runs the next-hop index resolver in a simulated host. Without a file it runs the built-in\n"
-    "demo; '-' reads the scenario from standard input.\n"
-    "options:\n"
-    "  --trace FILTER  text trace to stderr, e.g. '*/8' (same syntax as FWD_TRACE)\n"
-    "  --ring FILE     binary ring trace to FILE (read it with ringlog-cat)\n"
-    "  --dump          print the module's dump at the end\n"
-    "  -i              interactive: read commands from the terminal with a prompt\n"
-    "  --help          this text\n"
-    "exit status: 0 all expectations held, 1 an expectation failed, 2 bad input\n";
 
 // The road of one request, then ECMP, a MAC move and an nhIndex change.
 constexpr std::string_view kDemo = R"(# nexthop-sim built-in demo
@@ -73,89 +67,111 @@ expect statuses 0
 )";
 
 struct Options {
-  std::optional<std::string> trace;
-  std::optional<std::string> ring;
-  std::optional<std::string> file;
+  std::string file;
+  std::string trace;
+  Hosts::Cli::RingOptions ring;
   bool dump = false;
   bool interactive = false;
+  bool json = false;
 };
 
-int usageError(const std::string& why) {
-  std::cerr << "nexthop-sim: " << why << '\n' << kUsage;
-  return Sim::Scenario::kInputError;
+constexpr const char* kProgram = "nexthop-sim";
+
+void optionsIs(CLI::App& app, Options& options) {
+  Hosts::Cli::conventionsIs(app, kProgram);
+  app.description(
+      "Runs the next-hop index resolver in a simulated host, driven by a scenario. Without a "
+      "file it runs the built-in demo; '-' reads the scenario from standard input.");
+  app.add_option("SCENARIO_FILE", options.file, "scenario file, or '-' for standard input");
+  Hosts::Cli::traceOptionIs(app, options.trace);
+  Hosts::Cli::ringOptionsIs(app, options.ring);
+  app.add_flag("--dump", options.dump, "print the module's dump at the end");
+  app.add_flag("-i", options.interactive,
+               "interactive: read commands (after SCENARIO_FILE's) with line editing, history in "
+               "~/.nexthop_sim_history and completion; a refused line is reported and the "
+               "session goes on");
+  Hosts::Cli::jsonOptionIs(app, options.json,
+                           "print status lines and command output as JSON, one document per line");
+  app.footer("Exit status: 0 all expectations held, 1 an expectation failed, 2 bad input.\n\n" +
+             Sim::Scenario::help());
 }
 
-// Returns the exit status for a command line that ends the program, nothing to go on.
-std::optional<int> parseOptions(int argc, char** argv, Options& options) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    const auto value = [&]() -> std::optional<std::string> {
-      if (i + 1 >= argc) return std::nullopt;
-      return std::string(argv[++i]);
-    };
-    if (arg == "--help" || arg == "-h") {
-      std::cout << kUsage << '\n' << Sim::Scenario::help();
-      return 0;
-    }
-    if (arg == "--trace" || arg == "--ring") {
-      std::optional<std::string> given = value();
-      if (!given) return usageError(std::string(arg) + " needs a value");
-      (arg == "--trace" ? options.trace : options.ring) = std::move(given);
-    } else if (arg == "--dump") {
-      options.dump = true;
-    } else if (arg == "-i") {
-      options.interactive = true;
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      return usageError("unknown option '" + std::string(arg) + "'");
-    } else if (options.file) {
-      return usageError("more than one scenario file");
-    } else {
-      options.file = std::string(arg);
-    }
-  }
-  return std::nullopt;
-}
-
-std::optional<int> startTracing(const Options& options) {
+// Checks the options against the file system and starts tracing; the exit status when the
+// program ends here.
+std::optional<int> startTracing(const CLI::App& app, const Options& options) {
   try {
-    if (options.trace) DualLog::textFilterIs(*options.trace);
-    if (options.ring) RingLog::open(*options.ring);
+    Hosts::Cli::traceStart(options.trace);
+    Hosts::Cli::ringStart(options.ring, {options.file});
   } catch (const std::exception& e) {
-    return usageError(e.what());
+    return Hosts::Cli::usageError(app, e.what());
   }
   return std::nullopt;
 }
 
 Sim::Scenario::ExitStatus runScenario(const Options& options, Sim::Scenario& scenario) {
-  if (!options.file) {
+  if (options.file.empty()) {
     if (options.interactive) return Sim::Scenario::kPassed;
     return scenario.runText(kDemo, "demo");
   }
-  if (*options.file == "-") return scenario.runStream(std::cin, "<stdin>", false);
-  std::ifstream in(*options.file);
-  if (!in) {
-    std::cerr << "nexthop-sim: cannot open scenario file '" << *options.file << "'\n";
-    return Sim::Scenario::kInputError;
-  }
-  return scenario.runStream(in, *options.file, false);
+  if (options.file == "-") return scenario.runStream(std::cin, "<stdin>", false);
+  std::ifstream in(options.file);
+  return scenario.runStream(in, options.file, false);
+}
+
+// Commands from the terminal with line editing, history and completion, and a prompt; from
+// anything else line by line, without a prompt.
+Sim::Scenario::ExitStatus runInteractive(Sim::Scenario& scenario) {
+  if (!isatty(STDIN_FILENO)) return scenario.runStream(std::cin, "<stdin>", true);
+  Hosts::LineEditor editor(Hosts::LineEditor::homeFile(".nexthop_sim_history"),
+                           Sim::Scenario::completions);
+  return scenario.runInteractive([&editor] { return editor.line("nexthop-sim> "); }, "<stdin>");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  CLI::App app;
   Options options;
-  if (auto done = parseOptions(argc, argv, options)) return *done;
-  if (auto failed = startTracing(options)) return *failed;
+  optionsIs(app, options);
+  if (auto done = Hosts::Cli::parse(app, argc, argv)) return *done;
+  if (options.trace == "list") {
+    if (options.json) {
+      std::cout << Hosts::Json(Hosts::Cli::traceUnits()).dump() << '\n';
+    } else {
+      std::cout << Hosts::Cli::traceUnitList();
+    }
+    return Hosts::Cli::finishOutput(kProgram, 0);
+  }
+  // The scenario file, and standard input when -i reads it.
+  std::vector<std::string> inputs;
+  if (!options.file.empty()) inputs.push_back(options.file);
+  if (options.interactive && options.file != "-") inputs.push_back("-");
+  for (const std::string& input : inputs) {
+    if (auto problem = Hosts::Cli::inputProblem(input, "scenario file")) {
+      std::cerr << kProgram << ": " << *problem << '\n';
+      return Sim::Scenario::kInputError;
+    }
+  }
+  if (auto failed = startTracing(app, options)) return *failed;
   int status = Sim::Scenario::kPassed;
+  // Trace lines carry the virtual time, also those written while the host is built.
+  const Sim::SimHost* clock = nullptr;
+  Hosts::Cli::traceStampIs([&clock] { return std::to_string(clock ? clock->now() : 0) + "ms"; });
   {
     Sim::SimHost host;
-    Sim::Scenario scenario(host, std::cout, std::cerr);
+    clock = &host;
+    Sim::Scenario scenario(host, std::cout, std::cerr,
+                           options.json ? Hosts::OutputFormat::json : Hosts::OutputFormat::text);
     status = runScenario(options, scenario);
+    const bool ranFile = !options.file.empty() || !options.interactive;
+    if (ranFile && status != Sim::Scenario::kInputError) std::cerr << scenario.summary() << '\n';
     if (status != Sim::Scenario::kInputError && options.interactive) {
-      status = scenario.runStream(std::cin, "<stdin>", true);
+      status = runInteractive(scenario);
     }
-    if (options.dump) std::cout << host.dump();
+    if (options.dump) scenario.dumpOut();
+    clock = nullptr;
   }
-  if (options.ring) RingLog::close();
-  return status;
+  DualLog::textSinkIs(nullptr);
+  if (!options.ring.path.empty()) RingLog::close();
+  return Hosts::Cli::finishOutput(kProgram, status);
 }

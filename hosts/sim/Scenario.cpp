@@ -9,12 +9,14 @@
 #include <map>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "framework/Kiln.h"
 #include "hosts/HostError.h"
 #include "hosts/HostExplain.h"
+#include "hosts/HostShow.h"
 
 namespace Sim {
 
@@ -31,6 +33,8 @@ struct InputError : HostError {
 };
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
+// Preferred over std::quoted, which argument-dependent lookup finds for a std::string.
+std::string quoted(const std::string& text) { return quoted(std::string_view(text)); }
 
 std::vector<std::string_view> tokens(std::string_view line) {
   line = line.substr(0, line.find('#'));
@@ -46,7 +50,23 @@ std::vector<std::string_view> tokens(std::string_view line) {
   return out;
 }
 
+// "byte 0x01 at 3" when `text` holds a NUL or another control character, else nothing.
+std::optional<std::string> controlCharacter(std::string_view text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x20 || byte == 0x7f) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      return std::string("byte 0x") + kHex[byte >> 4] + kHex[byte & 15] + " at " +
+             std::to_string(i + 1);
+    }
+  }
+  return std::nullopt;
+}
+
 L3::VrfName vrfName(std::string_view text) {
+  if (const auto bad = controlCharacter(text)) {
+    throw InputError("VRF name with a control character (" + *bad + ")");
+  }
   if (text.size() > L3::VrfName::maxLength()) {
     throw InputError("VRF name of " + std::to_string(text.size()) + " bytes is over " +
                      std::to_string(L3::VrfName::maxLength()));
@@ -73,6 +93,9 @@ Netval::IpGenAddr ipv4(std::string_view text) {
 }
 
 Netval::IntfId interface(std::string_view text) {
+  if (const auto bad = controlCharacter(text)) {
+    throw InputError("interface name with a control character (" + *bad + ")");
+  }
   try {
     const Netval::IntfId intfId = Netval::IntfId::fromText(text);
     if (!intfId.empty()) return intfId;
@@ -89,10 +112,42 @@ Netval::EthAddr mac(std::string_view text) {
   }
 }
 
+// Whether a MAC may be zero: a neighbour entry without a MAC is an incomplete one (a host's
+// neighbour table has those), a host or an nhIndex never has one.
+enum class ZeroMac { refused, incomplete };
+
+// The MAC of a host, a neighbour or an nhIndex: never broadcast or multicast.
+Netval::EthAddr unicastMac(std::string_view text, ZeroMac zero = ZeroMac::refused) {
+  const Netval::EthAddr ethAddr = mac(text);
+  const bool multicast = (ethAddr.value() >> 40) & 1;
+  if ((ethAddr.isZero() && zero == ZeroMac::refused) || multicast) {
+    throw InputError("bad MAC address " + quoted(text) + ": not a unicast address");
+  }
+  return ethAddr;
+}
+
+// The address of a neighbour or a via: IPv4, neither 0.0.0.0 nor 255.255.255.255.
+Netval::IpGenAddr hostAddress(std::string_view text) {
+  const Netval::IpGenAddr addr = ipv4(text);
+  if (addr.v4() == 0 || addr.v4() == 0xffffffffu) {
+    throw InputError("bad address " + quoted(text) + ": not a host's address");
+  }
+  return addr;
+}
+
+Prefix prefix(std::string_view text) {
+  try {
+    return Prefix::fromText(text);
+  } catch (const HostError& e) {
+    throw InputError(e.what());
+  }
+}
+
 uint64_t number(std::string_view text, uint64_t max) {
   uint64_t value = 0;
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (ec != std::errc() || end != text.data() + text.size() || value > max) {
+  const bool leadingZero = text.size() > 1 && text[0] == '0';
+  if (ec != std::errc() || end != text.data() + text.size() || value > max || leadingZero) {
     throw InputError("bad number " + quoted(text) + " (0 to " + std::to_string(max) + ")");
   }
   return value;
@@ -165,13 +220,13 @@ struct RouteArgs {
 
 // "VRF PREFIX" then vias: "via ADDR dev INTF" or, for a directly attached route, "dev INTF".
 RouteArgs routeArgs(ScenarioArgs& args) {
-  RouteArgs route{vrfName(args.next("VRF")), Prefix::fromText(args.next("PREFIX")), {}};
+  RouteArgs route{vrfName(args.next("VRF")), prefix(args.next("PREFIX")), {}};
   const Netval::IpGenAddr attached = Netval::IpGenAddr::ipv4(0);
   do {
     Netval::IpGenAddr hop = attached;
     if (args.peek() == "via") {
       args.keyword("via");
-      hop = ipv4(args.next("ADDR"));
+      hop = hostAddress(args.next("ADDR"));
     }
     args.keyword("dev");
     route.vias.emplace_back(interface(args.next("INTF")), hop);
@@ -182,9 +237,9 @@ RouteArgs routeArgs(ScenarioArgs& args) {
 // INTF ADDR lladdr MAC [l2 INTF|none]
 std::pair<Plane::NextHopKey, Plane::NextHopInfo> neighArgs(ScenarioArgs& args) {
   const Netval::IntfId intfId = interface(args.next("INTF"));
-  const Netval::IpGenAddr addr = ipv4(args.next("ADDR"));
+  const Netval::IpGenAddr addr = hostAddress(args.next("ADDR"));
   args.keyword("lladdr");
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
+  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"), ZeroMac::incomplete);
   Netval::IntfId l2Intf = intfId;
   if (args.more()) {
     args.keyword("l2");
@@ -197,8 +252,26 @@ std::pair<Plane::NextHopKey, Plane::NextHopInfo> neighArgs(ScenarioArgs& args) {
 
 Plane::NextHopKey neighKey(ScenarioArgs& args) {
   const Netval::IntfId intfId = interface(args.next("INTF"));
-  const Netval::IpGenAddr addr = ipv4(args.next("ADDR"));
+  const Netval::IpGenAddr addr = hostAddress(args.next("ADDR"));
   return Plane::NextHopKey(intfId, addr);
+}
+
+// INTF ADDR [lladdr] MAC
+std::pair<Plane::NextHopKey, Netval::EthAddr> hostArgs(ScenarioArgs& args) {
+  const Plane::NextHopKey key = neighKey(args);
+  if (args.peek() == "lladdr") args.keyword("lladdr");
+  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"));
+  args.end();
+  return {key, ethAddr};
+}
+
+// INTF INDEX MAC
+std::tuple<Netval::IntfId, uint32_t, Netval::EthAddr> nhIndexArgs(ScenarioArgs& args) {
+  const Netval::IntfId intfId = interface(args.next("INTF"));
+  const uint32_t nhIndex = number32(args.next("INDEX"));
+  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"));
+  args.end();
+  return {intfId, nhIndex, ethAddr};
 }
 
 FwdL3Unicast::NexthopNhIndexResolverKey requestKey(ScenarioArgs& args) {
@@ -235,7 +308,8 @@ const Scenario::Command* Scenario::commands(size_t& count) {
        "neigh replace INTF ADDR lladdr MAC [l2 INTF|none]",
        &Scenario::cmdNeighReplace},
       {{"neigh", "del"}, "neigh del INTF ADDR", &Scenario::cmdNeighDel},
-      {{"host", "add"}, "host add INTF ADDR MAC", &Scenario::cmdHostAdd},
+      {{"host", "add"}, "host add INTF ADDR [lladdr] MAC", &Scenario::cmdHostAdd},
+      {{"host", "replace"}, "host replace INTF ADDR [lladdr] MAC", &Scenario::cmdHostReplace},
       {{"host", "del"}, "host del INTF ADDR", &Scenario::cmdHostDel},
       {{"arp-delay"}, "arp-delay MS", &Scenario::cmdArpDelay},
       {{"nh-table", "add"}, "nh-table add INTF", &Scenario::cmdNhTableAdd},
@@ -248,7 +322,9 @@ const Scenario::Command* Scenario::commands(size_t& count) {
       {{"request", "del"}, "request del VRF ADDR INTF", &Scenario::cmdRequestDel},
       {{"advance"}, "advance MS", &Scenario::cmdAdvance},
       {{"restart"}, "restart", &Scenario::cmdRestart},
-      {{"show", "status"}, "show status", &Scenario::cmdShowStatus},
+      {{"show", "status"}, "show status [VRF]", &Scenario::cmdShowStatus},
+      {{"show", "requests"}, "show requests [VRF]", &Scenario::cmdShowRequests},
+      {{"show", "vrfs"}, "show vrfs", &Scenario::cmdShowVrfs},
       {{"show", "arp"}, "show arp", &Scenario::cmdShowArp},
       {{"show", "routes"}, "show routes", &Scenario::cmdShowRoutes},
       {{"show", "neigh"}, "show neigh", &Scenario::cmdShowNeigh},
@@ -256,11 +332,14 @@ const Scenario::Command* Scenario::commands(size_t& count) {
       {{"show", "dump"}, "show dump", &Scenario::cmdShowDump},
       {{"explain"}, "explain VRF ADDR INTF", &Scenario::cmdExplain},
       {{"expect", "status"},
-       "expect status VRF ADDR INTF nhindex N | none",
+       "expect status VRF ADDR INTF nhIndex N | none",
        &Scenario::cmdExpectStatus},
       {{"expect", "statuses"}, "expect statuses N", &Scenario::cmdExpectStatuses},
       {{"expect", "arp"}, "expect arp INTF ADDR present|absent", &Scenario::cmdExpectArp},
       {{"echo"}, "echo TEXT", &Scenario::cmdEcho},
+      {{"help"}, "help [COMMAND]", &Scenario::cmdHelp},
+      {{"quit"}, "quit", &Scenario::cmdQuit, "ends the run, as exit does"},
+      {{"exit"}, "exit", &Scenario::cmdQuit},
   };
   count = std::size(table);
   return table;
@@ -270,21 +349,26 @@ std::string Scenario::help() {
   std::string text = "Scenario commands (one per line, '#' starts a comment):\n";
   size_t count = 0;
   const Command* table = commands(count);
-  for (size_t i = 0; i < count; ++i) {
-    text += "  ";
-    text += table[i].usage;
-    if (!table[i].note.empty()) text += "  (" + std::string(table[i].note) + ")";
-    text += '\n';
-  }
+  for (size_t i = 0; i < count; ++i) text += helpLine(table[i]);
   return text;
 }
 
-Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err)
-    : host_(host), out_(out), err_(err) {
+std::string Scenario::helpLine(const Command& command) {
+  std::string line = "  " + std::string(command.usage);
+  if (!command.note.empty()) line += "  (" + std::string(command.note) + ")";
+  return line + '\n';
+}
+
+Scenario::Scenario(SimHost& host, std::ostream& out, std::ostream& err, Hosts::OutputFormat format)
+    : host_(host), out_(out), err_(err), format_(format) {
+  host_.statusFormatIs(format);
   host_.statusSinkIs([this](const std::string& line) { out_ << line << '\n'; });
 }
 
-Scenario::~Scenario() { host_.statusSinkIs(nullptr); }
+Scenario::~Scenario() {
+  host_.statusSinkIs(nullptr);
+  host_.statusFormatIs(Hosts::OutputFormat::text);
+}
 
 const Scenario::Command* Scenario::command(const std::vector<std::string_view>& words) {
   size_t count = 0;
@@ -332,6 +416,12 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
   try {
     (this->*found->run)(args);
     host_.runDue();
+  } catch (const InputError& e) {
+    // A malformed value: the message names the form the command expects.
+    const std::string what = e.what();
+    const bool named = what.find("(usage: ") != std::string::npos;
+    err_ << place << what << (named ? "" : " (usage: " + std::string(found->usage) + ")") << '\n';
+    return LineResult::error;
   } catch (const HostError& e) {
     err_ << place << e.what() << '\n';
     return LineResult::error;
@@ -348,7 +438,7 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
 
 Scenario::ExitStatus Scenario::runText(std::string_view text, std::string_view file) {
   size_t lineNo = 0;
-  while (!text.empty()) {
+  while (!text.empty() && !quit_) {
     const size_t end = std::min(text.find('\n'), text.size());
     if (runLine(text.substr(0, end), file, ++lineNo) == LineResult::error) return kInputError;
     text.remove_prefix(std::min(end + 1, text.size()));
@@ -358,21 +448,60 @@ Scenario::ExitStatus Scenario::runText(std::string_view text, std::string_view f
 
 Scenario::ExitStatus Scenario::runStream(std::istream& in, std::string_view file,
                                          bool interactive) {
-  size_t lineNo = 0;
   std::string line;
-  while (true) {
-    if (interactive) out_ << "nexthop-sim> " << std::flush;
-    if (!std::getline(in, line)) break;
-    const LineResult result = runLine(line, file, ++lineNo);
-    if (interactive) out_ << std::flush;
-    if (result == LineResult::error && !interactive) return kInputError;
+  const LineReader next = [&]() -> std::optional<std::string> {
+    if (!std::getline(in, line)) return std::nullopt;
+    return line;
+  };
+  if (interactive) return runInteractive(next, file);
+  size_t lineNo = 0;
+  while (!quit_) {
+    const std::optional<std::string> read = next();
+    if (!read) break;
+    if (runLine(*read, file, ++lineNo) == LineResult::error) return kInputError;
   }
-  if (interactive) out_ << '\n';
   return expectFailed_ ? kExpectFailed : kPassed;
 }
 
+Scenario::ExitStatus Scenario::runInteractive(const LineReader& next, std::string_view file) {
+  size_t lineNo = 0;
+  bool refused = false;
+  while (!quit_) {
+    const std::optional<std::string> line = next();
+    if (!line) break;
+    refused |= runLine(*line, file, ++lineNo) == LineResult::error;
+    out_ << std::flush;
+  }
+  if (refused) return kInputError;
+  return expectFailed_ ? kExpectFailed : kPassed;
+}
+
+std::vector<std::string> Scenario::completions(std::string_view line, std::string_view word) {
+  std::vector<std::string_view> before = tokens(line.substr(0, line.size() - word.size()));
+  if (!before.empty() && before[0] == "help") before.erase(before.begin());
+  size_t count = 0;
+  const Command* table = commands(count);
+  std::vector<std::string> out;
+  for (size_t i = 0; i < count && before.size() < 2; ++i) {
+    const Command& c = table[i];
+    if (!before.empty() && c.words[0] != before[0]) continue;
+    const std::string_view candidate = c.words[before.size()];
+    if (!candidate.empty() && candidate.starts_with(word) &&
+        std::find(out.begin(), out.end(), candidate) == out.end()) {
+      out.emplace_back(candidate);
+    }
+  }
+  return out;
+}
+
 void Scenario::expect(bool holds, const std::string& expected, const std::string& found) {
+  ++(holds ? expectationsHeld_ : expectationsFailed_);
   if (!holds) failure_ = "expected " + expected + ", found " + found;
+}
+
+std::string Scenario::summary() const {
+  return std::to_string(expectationsHeld_) + " expectation" + (expectationsHeld_ == 1 ? "" : "s") +
+         " held, " + std::to_string(expectationsFailed_) + " failed";
 }
 
 void Scenario::cmdVrfAdd(Args& args) {
@@ -410,9 +539,9 @@ void Scenario::cmdRouteReplace(Args& args) {
 
 void Scenario::cmdRouteDel(Args& args) {
   const L3::VrfName vrf = vrfName(args.next("VRF"));
-  const Prefix prefix = Prefix::fromText(args.next("PREFIX"));
+  const Prefix routePrefix = prefix(args.next("PREFIX"));
   args.end();
-  host_.routeDel(vrf, prefix);
+  host_.routeDel(vrf, routePrefix);
 }
 
 void Scenario::cmdNeighAdd(Args& args) {
@@ -432,10 +561,13 @@ void Scenario::cmdNeighDel(Args& args) {
 }
 
 void Scenario::cmdHostAdd(Args& args) {
-  const Plane::NextHopKey key = neighKey(args);
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
-  args.end();
+  const auto [key, ethAddr] = hostArgs(args);
   host_.hostAdd(key, ethAddr);
+}
+
+void Scenario::cmdHostReplace(Args& args) {
+  const auto [key, ethAddr] = hostArgs(args);
+  host_.hostReplace(key, ethAddr);
 }
 
 void Scenario::cmdHostDel(Args& args) {
@@ -463,18 +595,12 @@ void Scenario::cmdNhTableDel(Args& args) {
 }
 
 void Scenario::cmdNhIndexAdd(Args& args) {
-  const Netval::IntfId intfId = interface(args.next("INTF"));
-  const uint32_t nhIndex = number32(args.next("INDEX"));
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
-  args.end();
+  const auto [intfId, nhIndex, ethAddr] = nhIndexArgs(args);
   host_.nhIndexAdd(intfId, nhIndex, ethAddr);
 }
 
 void Scenario::cmdNhIndexReplace(Args& args) {
-  const Netval::IntfId intfId = interface(args.next("INTF"));
-  const uint32_t nhIndex = number32(args.next("INDEX"));
-  const Netval::EthAddr ethAddr = mac(args.next("MAC"));
-  args.end();
+  const auto [intfId, nhIndex, ethAddr] = nhIndexArgs(args);
   host_.nhIndexReplace(intfId, nhIndex, ethAddr);
 }
 
@@ -504,7 +630,7 @@ void Scenario::cmdRequestDel(Args& args) {
 }
 
 void Scenario::cmdAdvance(Args& args) {
-  const uint64_t delta = number(args.next("MS"), kMaxMs);
+  const uint64_t delta = number(args.next("MS"), std::numeric_limits<uint64_t>::max());
   args.end();
   host_.advance(delta);
 }
@@ -514,102 +640,122 @@ void Scenario::cmdRestart(Args& args) {
   host_.restart();
 }
 
-void Scenario::cmdShowStatus(Args& args) {
+std::optional<L3::VrfName> Scenario::optionalVrf(Args& args) {
+  std::optional<L3::VrfName> vrf;
+  if (args.more()) vrf = vrfName(args.next("VRF"));
   args.end();
-  std::map<FwdL3Unicast::NexthopNhIndexResolverKey, uint32_t> sorted;
-  for (const auto& status : host_.statusDir()->status()) sorted[status.key()] = status.nhIndex();
-  if (sorted.empty()) out_ << "no statuses\n";
-  for (const auto& [key, nhIndex] : sorted) {
-    out_ << "status " << keyText(key) << " nhIndex " << nhIndex << '\n';
-  }
+  return vrf;
 }
+
+void Scenario::show(const Hosts::Json& doc, std::string (*text)(const Hosts::Json&)) {
+  out_ << Hosts::Show::render(doc, text, format_);
+}
+
+void Scenario::cmdShowStatus(Args& args) {
+  show(Hosts::Show::statuses(host_, optionalVrf(args)), Hosts::Show::statusesText);
+}
+
+void Scenario::cmdShowRequests(Args& args) {
+  show(Hosts::Show::requests(host_, optionalVrf(args)), Hosts::Show::requestsText);
+}
+
+void Scenario::cmdShowVrfs(Args& args) {
+  args.end();
+  show(Hosts::Show::vrfs(host_), Hosts::Show::vrfsText);
+}
+
+namespace {
+
+// {"entries": [{"dev", "dst", "arpVrfId", "probes", "triggers"}], "hosts": [{"dev", "dst",
+// "lladdr"}]}: what proactive ARP is asked for, and the simulated hosts that answer it.
+Hosts::Json arpJson(const SimHost& host) {
+  std::vector<Arp::ProactiveArp::ClientEntry> entries;
+  for (const auto& entry : host.clientConfig()->entry()) entries.push_back(entry);
+  std::sort(entries.begin(), entries.end());
+  const ProactiveArpService& arp = *host.arp();
+  Hosts::Json doc = {{"entries", Hosts::Json::array()}, {"hosts", Hosts::Json::array()}};
+  for (const auto& entry : entries) {
+    const Plane::NextHopKey& key = entry.key();
+    doc["entries"].push_back({{"dev", key.intfId().name()},
+                              {"dst", key.addr().toString()},
+                              {"arpVrfId", entry.arpVrfId()},
+                              {"probes", arp.probeCount(key)},
+                              {"triggers", host.clientConfig()->resolutionTrigger(key)}});
+  }
+  for (const auto& [key, ethAddr] : arp.hosts()) {
+    doc["hosts"].push_back({{"dev", key.intfId().name()},
+                            {"dst", key.addr().toString()},
+                            {"lladdr", ethAddr.toString()}});
+  }
+  return doc;
+}
+
+std::string arpText(const Hosts::Json& doc) {
+  std::string text;
+  if (doc["entries"].empty()) text += "no proactive ARP entries\n";
+  for (const auto& e : doc["entries"]) {
+    text += "arp " + e["dev"].get<std::string>() + " " + e["dst"].get<std::string>() +
+            " arpVrfId " + e["arpVrfId"].dump() + " probes " + e["probes"].dump() + " triggers " +
+            e["triggers"].dump() + '\n';
+  }
+  for (const auto& h : doc["hosts"]) {
+    text += "host " + h["dev"].get<std::string>() + " " + h["dst"].get<std::string>() + " " +
+            h["lladdr"].get<std::string>() + '\n';
+  }
+  return text;
+}
+
+}  // namespace
 
 void Scenario::cmdShowArp(Args& args) {
   args.end();
-  std::vector<Arp::ProactiveArp::ClientEntry> entries;
-  for (const auto& entry : host_.clientConfig()->entry()) entries.push_back(entry);
-  std::sort(entries.begin(), entries.end());
-  if (entries.empty()) out_ << "no proactive ARP entries\n";
-  const ProactiveArpService& arp = *host_.arp();
-  for (const auto& entry : entries) {
-    const Plane::NextHopKey& key = entry.key();
-    out_ << "arp " << key.intfId() << " " << key.addr() << " arpVrfId " << entry.arpVrfId()
-         << " probes " << arp.probeCount(key) << " triggers "
-         << host_.clientConfig()->resolutionTrigger(key) << '\n';
-  }
-  for (const auto& [key, ethAddr] : arp.hosts()) {
-    out_ << "host " << key.intfId() << " " << key.addr() << " " << ethAddr << '\n';
-  }
+  show(arpJson(host_), arpText);
 }
 
 void Scenario::cmdShowRoutes(Args& args) {
   args.end();
-  bool any = false;
-  for (const auto& [vrf, table] : host_.routing()->routes()) {
-    for (const auto& [prefix, route] : table) {
-      any = true;
-      out_ << "route " << vrf << " " << prefix.toString() << " fec " << route.fecId;
-      for (const Memtab::FibGen::Via& via : route.vias) {
-        if (!via.hop().isAddrZero()) out_ << " via " << via.hop();
-        out_ << " dev " << via.intfId();
-      }
-      out_ << '\n';
-    }
-  }
-  if (!any) out_ << "no routes\n";
+  show(Hosts::Show::routes(host_), Hosts::Show::routesText);
 }
 
 void Scenario::cmdShowNeigh(Args& args) {
   args.end();
-  std::map<Plane::NextHopKey, Plane::NextHopInfo> sorted;
-  for (const auto& entry : host_.nextHopInfoWrapper()->nextHopInfo())
-    sorted[entry.key] = entry.value;
-  if (sorted.empty()) out_ << "no neighbours\n";
-  for (const auto& [key, info] : sorted) {
-    out_ << "neigh " << key.intfId() << " " << key.addr() << " lladdr " << info.ethAddr() << " l2 "
-         << (info.l2Intf().empty() ? "none" : info.l2Intf().name()) << '\n';
-  }
+  show(Hosts::Show::neighbours(host_), Hosts::Show::neighboursText);
 }
 
 void Scenario::cmdShowNhTable(Args& args) {
   std::optional<Netval::IntfId> only;
   if (args.more()) only = interface(args.next("INTF"));
   args.end();
-  if (only && !host_.l3Modules()->nextHopModHas(*only)) {
-    throw HostError("interface " + only->name() + " has no next-hop table");
-  }
-  std::map<Netval::IntfId, std::map<uint32_t, Netval::EthAddr>> sorted;
-  for (const auto& module : host_.l3Modules()->nextHopMod()) {
-    if (only && module->intfId() != *only) continue;
-    auto& table = sorted[module->intfId()];
-    for (const auto& entry : module->nhIndexToMac()) table[entry.key] = entry.value;
-  }
-  if (sorted.empty()) out_ << "no next-hop tables\n";
-  for (const auto& [intfId, table] : sorted) {
-    out_ << "nh-table " << intfId << ": " << table.size() << " nhIndex"
-         << (table.size() == 1 ? "" : "es") << '\n';
-    for (const auto& [nhIndex, ethAddr] : table) {
-      out_ << "  nhindex " << nhIndex << " " << ethAddr << '\n';
-    }
-  }
+  show(Hosts::Show::nhTables(host_, only), Hosts::Show::nhTablesText);
 }
 
 void Scenario::cmdShowDump(Args& args) {
   args.end();
-  out_ << host_.dump();
+  dumpOut();
+}
+
+void Scenario::dumpOut() {
+  const std::string text = host_.dump();
+  if (format_ == Hosts::OutputFormat::json) {
+    out_ << Hosts::Show::dump(text).dump() << '\n';
+  } else {
+    out_ << text;
+  }
 }
 
 void Scenario::cmdExplain(Args& args) {
   const auto key = requestKey(args);
   args.end();
-  out_ << "explain " << keyText(key) << ": " << Hosts::explain(host_, key) << '\n';
+  Hosts::ModuleHost::requestKeyCheck(key);
+  show(Hosts::Show::explanation(key, Hosts::explain(host_, key)), Hosts::Show::explanationText);
 }
 
 void Scenario::cmdExpectStatus(Args& args) {
   const auto key = requestKey(args);
   const std::optional<uint32_t> found = host_.statusNhIndex(key);
   const std::string foundText = found ? "nhIndex " + std::to_string(*found) : "none";
-  if (args.choice("nhindex or none", {"nhindex", "none"}) == 1) {
+  // nhIndex as the status lines print it; nhindex as the engine's commands spell it.
+  if (args.choice("nhIndex or none", {"nhIndex", "nhindex", "none"}) == 2) {
     args.end();
     expect(!found, "no status for " + keyText(key), foundText);
     return;
@@ -639,6 +785,37 @@ void Scenario::cmdExpectArp(Args& args) {
          state(found));
 }
 
-void Scenario::cmdEcho(Args& args) { out_ << args.rest() << '\n'; }
+void Scenario::cmdHelp(Args& args) {
+  const std::string topic = args.rest();
+  const std::vector<std::string_view> words = tokens(topic);
+  size_t count = 0;
+  const Command* table = commands(count);
+  std::string text = topic.empty() ? help() : "";
+  for (size_t i = 0; i < count && !topic.empty(); ++i) {
+    const Command& c = table[i];
+    if (c.words[0] != words[0] || (words.size() > 1 && c.words[1] != words[1])) continue;
+    text += helpLine(c);
+  }
+  if (text.empty()) throw InputError("no command " + quoted(topic) + " (help lists them)");
+  if (format_ == Hosts::OutputFormat::json) {
+    out_ << Hosts::Json{{"help", text}}.dump() << '\n';
+  } else {
+    out_ << text;
+  }
+}
+
+void Scenario::cmdQuit(Args& args) {
+  args.end();
+  quit_ = true;
+}
+
+void Scenario::cmdEcho(Args& args) {
+  const std::string text = args.rest();
+  if (format_ == Hosts::OutputFormat::json) {
+    out_ << Hosts::Json{{"echo", text}}.dump() << '\n';
+  } else {
+    out_ << text << '\n';
+  }
+}
 
 }  // namespace Sim

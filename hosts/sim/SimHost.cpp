@@ -75,4 +75,18 @@ std::string SimHost::arpState(const Plane::NextHopKey& key) const {
   return state + (arp_->host(key) ? ", host answers" : ", no host answers");
 }
 
+void SimHost::advance(Time delta) {
+  if (delta > kClockLimit - now()) {
+    throw Hosts::HostError("advance " + std::to_string(delta) + " would take the virtual clock (" +
+                           std::to_string(now()) + "ms) past its limit of " +
+                           std::to_string(kClockLimit) + "ms");
+  }
+  scheduler()->advanceBy(delta);
+}
+
+void SimHost::hostReplace(const Plane::NextHopKey& key, Netval::EthAddr macAddr) {
+  if (arp_->host(key)) arp_->hostDel(key);
+  arp_->hostIs(key, macAddr);
+}
+
 }  // namespace Sim

@@ -26,8 +26,12 @@ class SimHost : public Hosts::ModuleHost {
   // Cleans the module up and drops it; prints nothing more.
   ~SimHost() override;
 
-  // Moves the clock by `delta`, running each task at its own time.
-  void advance(Time delta) { scheduler()->advanceBy(delta); }
+  // The virtual clock stays below this many milliseconds, far from overflowing with the delays
+  // of the tasks it runs.
+  static constexpr Time kClockLimit = Time{1} << 62;
+  // Moves the clock by `delta`, running each task at its own time. Throws, moving nothing, when
+  // the clock would pass kClockLimit.
+  void advance(Time delta);
 
   // Throws when the route exists.
   void routeAdd(const L3::VrfName& vrfName, const Hosts::Prefix& prefix,
@@ -46,6 +50,8 @@ class SimHost : public Hosts::ModuleHost {
   void hostAdd(const Plane::NextHopKey& key, Netval::EthAddr macAddr) {
     arp_->hostIs(key, macAddr);
   }
+  // Creates the host or changes its MAC.
+  void hostReplace(const Plane::NextHopKey& key, Netval::EthAddr macAddr);
   void hostDel(const Plane::NextHopKey& key) { arp_->hostDel(key); }
   void arpDelayIs(Time delay) { arp_->arpDelayIs(delay); }
 
