@@ -449,12 +449,15 @@ void decodeBlock(const std::string& path, std::string_view data, const BlockRef&
 }  // namespace
 
 std::vector<std::string> decodeFile(const std::string& path) {
-  std::string data = readFile(path);
-  FileHeader h = parseHeader(path, data);
-  std::vector<MessageInfo> messages = parseDescriptors(path, data, h);
+  return decode(readFile(path), path);
+}
+
+std::vector<std::string> decode(std::string_view data, const std::string& name) {
+  FileHeader h = parseHeader(name, data);
+  std::vector<MessageInfo> messages = parseDescriptors(name, data, h);
   std::vector<std::string> lines;
-  for (const BlockRef& block : usedBlocks(path, data, h)) {
-    decodeBlock(path, data, block, messages, lines);
+  for (const BlockRef& block : usedBlocks(name, data, h)) {
+    decodeBlock(name, data, block, messages, lines);
   }
   return lines;
 }
