@@ -1,5 +1,7 @@
 // nexthop-sim: runs the resolver module in a simulated host, driven by a scenario.
 
+#include <charconv>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -8,6 +10,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
@@ -23,6 +26,7 @@ constexpr const char* kUsage =
     "options:\n"
     "  --trace FILTER  text trace to stderr, e.g. '*/8' (same syntax as FWD_TRACE)\n"
     "  --ring FILE     binary ring trace to FILE (read it with ringlog-cat)\n"
+    "  --ring-bytes N  size of the ring trace file (default 8 MiB)\n"
     "  --dump          print the module's dump at the end\n"
     "  -i              interactive: read commands from the terminal with a prompt\n"
     "  --help          this text\n"
@@ -75,6 +79,7 @@ expect statuses 0
 struct Options {
   std::optional<std::string> trace;
   std::optional<std::string> ring;
+  size_t ringBytes = size_t{8} << 20;
   std::optional<std::string> file;
   bool dump = false;
   bool interactive = false;
@@ -101,6 +106,14 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
       std::optional<std::string> given = value();
       if (!given) return usageError(std::string(arg) + " needs a value");
       (arg == "--trace" ? options.trace : options.ring) = std::move(given);
+    } else if (arg == "--ring-bytes") {
+      const std::optional<std::string> given = value();
+      if (!given) return usageError("--ring-bytes needs a value");
+      const char* end = given->data() + given->size();
+      const auto [last, ec] = std::from_chars(given->data(), end, options.ringBytes);
+      if (ec != std::errc() || last != end) {
+        return usageError("--ring-bytes: not a number: '" + *given + "'");
+      }
     } else if (arg == "--dump") {
       options.dump = true;
     } else if (arg == "-i") {
@@ -119,7 +132,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
 std::optional<int> startTracing(const Options& options) {
   try {
     if (options.trace) DualLog::textFilterIs(*options.trace);
-    if (options.ring) RingLog::open(*options.ring);
+    if (options.ring) RingLog::open(*options.ring, options.ringBytes);
   } catch (const std::exception& e) {
     return usageError(e.what());
   }
