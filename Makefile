@@ -9,7 +9,7 @@ SANITIZER_ENV := ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:check_initializatio
 
 FUZZ_SECONDS ?= 60
 
-.PHONY: all test asan fuzz bench demo clean
+.PHONY: all test asan fuzz soak bench demo clean
 
 all: test
 
@@ -30,6 +30,13 @@ fuzz:
 	$(SANITIZER_ENV) cmake --preset fuzz
 	$(SANITIZER_ENV) cmake --build --preset fuzz -j $(JOBS)
 	$(SANITIZER_ENV) FUZZ_SECONDS=$(FUZZ_SECONDS) ctest --preset fuzz
+
+# The randomized model test at 200 seeds x 20,000 steps and the simulator on generated scale
+# scenarios, in Release; prints steps per second. Long: not part of CI.
+soak:
+	cmake --preset soak
+	cmake --build --preset soak -j $(JOBS) --target FwdResolverModelTest nexthop-sim scale-scenario
+	tools/soak.sh
 
 bench:
 	cmake --preset bench
