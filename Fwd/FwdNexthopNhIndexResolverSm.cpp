@@ -308,6 +308,7 @@ void NexthopNhIndexResolverSm::handleConfig(const NexthopNhIndexResolverKey& key
     // clang-format off
     CORE_ASSERT( !vrfConfig->configHas( nexthopIntfId ) );
     // clang-format on
+    // Deliberate: unreachable after the assertion, but the duplicate-request trace stays.
     if (vrfConfig->configHas(nexthopIntfId)) DUALLOG_TRACE(8, "Duplicate Resolve request");
     vrfConfig->configIs(nexthopIntfId);
     return;

@@ -309,8 +309,7 @@ class NexthopNhIndexResolverSm : public Core::Reactor {
   // The input slots subscribe before handleInitialized runs; the status-map slot gets its
   // notifier after handleInitialized, once the collection exists.
   Core::Slot<NexthopNhIndexResolverSm, NexthopNhIndexResolverKey,
-             static_cast<void (NexthopNhIndexResolverSm::*)(const NexthopNhIndexResolverKey&)>(
-                 &NexthopNhIndexResolverSm::handleConfig)>
+             &NexthopNhIndexResolverSm::handleConfig>
       configSlot_{this, NexthopNhIndexResolverConfigDir::configAttr, configDir_.get()};
   Core::Slot<NexthopNhIndexResolverSm, L3::VrfName,
              &NexthopNhIndexResolverSm::handleNexthopVrfStatus>

@@ -234,9 +234,7 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // Read only before the review publishes, so a nested review may overwrite it.
   Memtab::FibGen::Fec fec_;
 
-  Core::Slot<NexthopToViaNexthopSm, NexthopIntfId,
-             static_cast<void (NexthopToViaNexthopSm::*)(const NexthopIntfId&)>(
-                 &NexthopToViaNexthopSm::handleConfig)>
+  Core::Slot<NexthopToViaNexthopSm, NexthopIntfId, &NexthopToViaNexthopSm::handleConfig>
       configSlot_{this, NexthopIntfIdColl::configAttr, config_.get()};
   Core::Slot<NexthopToViaNexthopSm, Netval::IpGenAddr, &NexthopToViaNexthopSm::handleBacklogChange>
       backlogSlot_{this, Routing::NexthopBacklog::backlogAttr};

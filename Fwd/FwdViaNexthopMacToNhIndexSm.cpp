@@ -409,6 +409,7 @@ void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
   }
   DUALLOG_TRACE(8, "NexthopMod inserted for intfId : ", intfId);
   if (!request) return;
+  // Deliberate: looked up and asserted a second time, although nothing ran since the first.
   nextHopMod = l3Modules_->nextHopMod(intfId);
   CORE_ASSERT(nextHopMod);
   DUALLOG_TRACE(8, "Creating IntfViaNexthopMacToNhIndexSm for intfId : ", intfId);

@@ -147,8 +147,7 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
       requestSlot_{this, IntfViaNexthopMacToNhIndexRequest::requesterCollAttr,
                    intfViaNexthopMacToNhIndexRequest_.get()};
   Core::Slot<IntfViaNexthopMacToNhIndexSm, uint32_t,
-             static_cast<void (IntfViaNexthopMacToNhIndexSm::*)(uint32_t)>(
-                 &IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac)>
+             &IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac>
       nextHopModSlot_{this, NextHopMod::nhIndexToMacAttr, nextHopMod_.get()};
 };
 
@@ -246,9 +245,7 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
   ViaNexthopMacToNhIndexMap::Ptr status_;
   AllIntfViaNexthopMacToNhIndexRequest::Ptr allIntfViaNexthopMacToNhIndexRequest_;
   AllIntfViaNexthopMacToNhIndexSm::Ptr allIntfViaNexthopMacToNhIndexSm_;
-  Core::Slot<ViaNexthopMacToNhIndexSm, NexthopIntfId,
-             static_cast<void (ViaNexthopMacToNhIndexSm::*)(const NexthopIntfId&)>(
-                 &ViaNexthopMacToNhIndexSm::handleConfig)>
+  Core::Slot<ViaNexthopMacToNhIndexSm, NexthopIntfId, &ViaNexthopMacToNhIndexSm::handleConfig>
       configSlot_{this, NexthopToViaNexthopMacMap::mapAttr, config_.get()};
   Core::Slot<ViaNexthopMacToNhIndexSm, Netval::IntfId, &ViaNexthopMacToNhIndexSm::handleNexthopMod>
       l3ModulesSlot_{this, L3Modules::nextHopModAttr, l3Modules_.get()};

@@ -100,9 +100,7 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   Vrf::VrfIdMap::VrfId arpVrfId_ = invalidArpVrfId;
   AllViaNexthopRequests::Ptr allViaNexthopRequests_;
 
-  Core::Slot<ViaNexthopToViaNexthopMacSm, NexthopIntfId,
-             static_cast<void (ViaNexthopToViaNexthopMacSm::*)(const NexthopIntfId&)>(
-                 &ViaNexthopToViaNexthopMacSm::handleConfig)>
+  Core::Slot<ViaNexthopToViaNexthopMacSm, NexthopIntfId, &ViaNexthopToViaNexthopMacSm::handleConfig>
       configSlot_{this, NexthopToViaNexthopMap::mapAttr, config_.get()};
   Core::Slot<ViaNexthopToViaNexthopMacSm, NexthopIntfId,
              &ViaNexthopToViaNexthopMacSm::handleViaNexthopRequest>

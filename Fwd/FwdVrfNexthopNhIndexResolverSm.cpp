@@ -209,6 +209,7 @@ void VrfNexthopNhIndexResolverSm::viaNexthopMacToNhIndexSmDel() {
 }
 
 void VrfNexthopNhIndexResolverSm::handleInitialized() {
+  // Deliberate: the signature is written by hand; this trace's text is fixed, not the compiler's.
   DUALLOG_TRACE_FN(8, "void FwdL3Unicast::VrfNexthopNhIndexResolverSm::handleInitialized()",
                    "vrfName ", vrfName_);
   nexthopToViaNexthopMapIs();
@@ -221,6 +222,7 @@ void VrfNexthopNhIndexResolverSm::handleInitialized() {
 }
 
 void VrfNexthopNhIndexResolverSm::handleNexthopInfo(const Plane::NextHopKey& key) {
+  // Deliberate: the signature is written by hand; this trace's text is fixed, not the compiler's.
   DUALLOG_TRACE_FN(
       8,
       "void FwdL3Unicast::VrfNexthopNhIndexResolverSm::handleNexthopInfo(const Plane::NextHopKey&)",

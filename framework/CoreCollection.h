@@ -66,7 +66,6 @@ class Collection {
   bool empty() const { return table_.empty(); }
   bool has(const Key& key) const { return table_.find(key) != nullptr; }
   const Member* find(const Key& key) const { return table_.find(key); }
-  Member* findMutable(const Key& key) { return table_.find(key); }
   // The member stored under `key`, or a default-constructed member (null Ptr) when absent.
   Member get(const Key& key) const {
     const Member* present = table_.find(key);

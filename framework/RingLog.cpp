@@ -18,6 +18,18 @@
 
 namespace RingLog {
 
+using detail::BlockHeader;
+using detail::FileHeader;
+using detail::kBlockBytes;
+using detail::kBlockMagic;
+using detail::kByteOrder;
+using detail::kHeaderBytes;
+using detail::kKindCount;
+using detail::kMagic;
+using detail::kStringTruncated;
+using detail::kVersion;
+using detail::RecordHeader;
+
 namespace {
 
 constexpr uint64_t kMinDescBytes = 64 * 1024;

@@ -14,40 +14,22 @@
 
 #include "framework/Assert.h"
 #include "framework/Netval.h"
+#include "framework/detail/RingLogFormat.h"
 
 // The binary ring trace: one memory-mapped, fixed-size, wrapping file per process. A message is
 // described once (where it is, its literal pieces, the kinds of its values); each occurrence
-// writes only a sequence number, the message id and the encoded values.
+// writes only an 8-byte header (the message id and the record's size) and the encoded values. A
+// record's sequence number is not stored: it follows from its block's first number and the
+// record's place in the block. The file's layout is in framework/detail/RingLogFormat.h.
 //
-// File format (version 2, all integers in the writer's byte order, checked through byteOrder):
+// Wrapping: the ring is cut into blocks, and records never straddle blocks. When a record does
+// not fit in the current block, the writer moves to the next block (cyclically), resets its header
+// and starts filling it; the whole block's old records are lost at once. Sequence numbers are
+// contiguous, so a reader takes every block with records, orders the blocks by their first
+// sequence number (the oldest block has the smallest) and reads each block's records in order.
+// Descriptors live outside the ring, so every surviving record can be decoded.
 //
-//   offset 0, 4096 bytes: FileHeader
-//     magic "RNGTRACE", version 2, byteOrder 0x01020304, headerBytes, blockBytes, fileBytes,
-//     descOffset/descCapacity/descUsed (the descriptor area and how much of it is written),
-//     ringOffset/blockCount (the ring), currentBlock (the block being written),
-//     droppedRecords (occurrences not recorded because their descriptor did not fit).
-//   descOffset, descCapacity bytes: descriptor area, append-only, never overwritten by the ring.
-//     One entry per message, in id order starting at 1; descUsed is raised after an entry is
-//     complete. Entry: u32 entryBytes (multiple of 8), u32 id, u32 line, u8 level, u8 reserved,
-//     u16 itemCount, then the strings file (base name), function, handle, then itemCount items.
-//     A string is u32 length + bytes. An item is u8 Kind; a piece item is followed by its string.
-//   ringOffset: blockCount blocks of blockBytes. Each block starts with a BlockHeader
-//     (u64 firstSeq, u64 startTime, u32 used payload bytes, u32 magic "BLK1") followed by
-//     records that never straddle blocks. Record: RecordHeader (u32 message id, u32 recordBytes,
-//     a multiple of 8) then the values in the message's value order: boolean/character 1 byte,
-//     signedInt/unsignedInt/floating/ethAddr 8 bytes, intfId 4 bytes, ipGenAddr 1 byte family
-//     then the address in network order (4 bytes for IPv4, 16 for IPv6, none for an unset
-//     address), string/text u32 length (bit 31 set when truncated) + bytes. A record's sequence
-//     number is its block's firstSeq plus its index in the block. A block's `used` is raised
-//     only after a record is complete.
-//
-// Wrapping: when a record does not fit in the current block, the writer moves to the next block
-// (cyclically), resets its header and starts filling it; the whole block's old records are lost
-// at once. Sequence numbers are contiguous, so a reader takes every block with used > 0, orders
-// the blocks by firstSeq (the oldest block has the smallest) and reads each block's records in
-// order. Descriptors live outside the ring, so every surviving record can be decoded.
-//
-// Time: a block's startTime is the CPU timestamp counter (__rdtsc on x86_64, else 0) when the
+// Time: a block's header holds the CPU timestamp counter (__rdtsc on x86_64, else 0) of when the
 // writer started it, which bounds the time of its records. Records carry no timestamp of their
 // own: reading the counter costs more than the rest of a record.
 //
@@ -68,7 +50,7 @@ enum class Kind : uint8_t {
   intfId = 9,
   text = 10,  // the operator<< text of a type without a binary codec
 };
-inline constexpr uint8_t kKindCount = 11;
+static_assert(static_cast<uint8_t>(Kind::text) + 1 == detail::kKindCount);
 
 // One item of a message in statement order; `piece` holds the literal text of a piece item.
 struct Item {
@@ -91,49 +73,8 @@ struct MessageInfo {
 
 // Bounds that keep every record inside one block: strings are cut at kMaxStringBytes and a
 // message has at most kMaxValues values.
-inline constexpr uint32_t kBlockBytes = 64 * 1024;
 inline constexpr uint32_t kMaxStringBytes = 2048;
 inline constexpr uint32_t kMaxValues = 24;
-inline constexpr uint32_t kStringTruncated = 0x80000000u;
-
-// The first bytes of a ring file; written by open(), descUsed, currentBlock and droppedRecords
-// kept current by the writer.
-struct FileHeader {
-  char magic[8];
-  uint32_t version;
-  uint32_t byteOrder;
-  uint32_t headerBytes;
-  uint32_t blockBytes;
-  uint64_t fileBytes;
-  uint64_t descOffset;
-  uint64_t descCapacity;
-  uint64_t descUsed;
-  uint64_t ringOffset;
-  uint64_t blockCount;
-  uint64_t currentBlock;
-  uint64_t droppedRecords;
-};
-inline constexpr char kMagic[8] = {'R', 'N', 'G', 'T', 'R', 'A', 'C', 'E'};
-inline constexpr uint32_t kVersion = 2;
-inline constexpr uint32_t kByteOrder = 0x01020304u;
-inline constexpr uint32_t kHeaderBytes = 4096;
-inline constexpr uint32_t kBlockMagic = 0x314b4c42u;  // "BLK1"
-
-// The start of each block; reset by the writer whenever it starts (or restarts) the block.
-struct BlockHeader {
-  uint64_t firstSeq;
-  uint64_t startTime;
-  uint32_t used;
-  uint32_t magic;
-};
-
-// The start of each record; its values follow. Records carry no sequence number of their own:
-// sequence numbers are contiguous, so a block's first one and a record's place give it.
-struct RecordHeader {
-  uint32_t id;
-  uint32_t bytes;
-};
-static_assert(sizeof(BlockHeader) == 24 && sizeof(RecordHeader) == 8);
 
 // The smallest file open() accepts: header, minimal descriptor area, four blocks.
 size_t minFileBytes();

@@ -73,7 +73,7 @@ class L3Modules : public Core::Node {
     return nextHopMod_.get(intfId);
   }
   // The interface's module for the engine to program, null when it has none.
-  NextHopMod::Ptr nextHopModMutable(Netval::IntfId intfId) const { return nextHopMod_.get(intfId); }
+  NextHopMod::Ptr nextHopModMutable(Netval::IntfId intfId) { return nextHopMod_.get(intfId); }
   bool nextHopModDel(Netval::IntfId intfId) { return nextHopMod_.del(intfId); }
   void nextHopModDelAll() { nextHopMod_.delAll(); }
   bool nextHopModHas(Netval::IntfId intfId) const { return nextHopMod_.has(intfId); }

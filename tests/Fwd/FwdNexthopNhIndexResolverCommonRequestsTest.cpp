@@ -7,6 +7,7 @@
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "framework/CoreDump.h"
+#include "support/ChangeRecorder.h"
 #include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 
@@ -15,6 +16,7 @@ namespace {
 using namespace FwdL3Unicast;
 using namespace FwdTest;
 using TestSupport::dump;
+using TestSupport::recordChanges;
 
 // Stage 2's record of one via, and stage 3's request record of one interface.
 ViaNexthopRequest::Ptr viaRecord(std::string_view via, std::string_view intfName) {
@@ -34,7 +36,7 @@ TEST(ViaNexthopRequest, StartsWithoutRequestersOrMac) {
 
 TEST(ViaNexthopRequest, AddAndDelRequesterKeepCount) {
   auto via = viaRecord("10.0.0.254", "Ethernet1");
-  auto recorder = recordKeys<Netval::IpGenAddr>(via.get(), ViaNexthopRequest::requesterCollAttr);
+  auto recorder = recordChanges<Netval::IpGenAddr>(via.get(), ViaNexthopRequest::requesterCollAttr);
   via->addRequester(ip("10.0.0.1"));
   via->addRequester(ip("10.0.0.2"));
   EXPECT_EQ(via->requesterCollCount(), 2u);
@@ -73,7 +75,7 @@ TEST(ViaNexthopRequestDeathTest, RemovingUnknownNexthopAsserts) {
 
 TEST(ViaNexthopRequest, MacChangePublishesOnceAndEqualMacNothing) {
   auto via = viaRecord("10.0.0.254", "Ethernet1");
-  auto recorder = recordKeys<Netval::EthAddr>(via.get(), ViaNexthopRequest::macAddrAttr);
+  auto recorder = recordChanges<Netval::EthAddr>(via.get(), ViaNexthopRequest::macAddrAttr);
   via->macAddrIs(mac("00:1c:73:aa:bb:cc"));
   via->macAddrIs(mac("00:1c:73:aa:bb:cc"));
   EXPECT_EQ(via->macAddr(), mac("00:1c:73:aa:bb:cc"));
@@ -111,7 +113,7 @@ TEST(ViaNexthopRequest, KnownMacDumpsItsTextForm) {
 TEST(AllViaNexthopRequests, CreationPublishesOnceWithNewRecord) {
   auto all = allViaNexthopRequestsFactory();
   auto recorder =
-      recordKeys<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+      recordChanges<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
   const NexthopIntfId via = nhIntf("10.0.0.254", "Ethernet1");
   const ViaNexthopRequest* anchoredNew = nullptr;
   bool anchoredOld = true;
@@ -142,7 +144,7 @@ TEST(AllViaNexthopRequests, ExistingKeyReturnsSameRecordUntouchedAndPublishesNot
   first->addRequester(ip("10.0.0.1"));
   first->macAddrIs(mac("00:1c:73:aa:bb:cc"));
   auto recorder =
-      recordKeys<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+      recordChanges<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
 
   ViaNexthopRequest::Ptr again = all->viaNexthopRequestIs(via);
   EXPECT_EQ(again, first);
@@ -156,7 +158,7 @@ TEST(AllViaNexthopRequests, DelOfAbsentKeyChangesNothing) {
   auto all = allViaNexthopRequestsFactory();
   all->viaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"));
   auto recorder =
-      recordKeys<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+      recordChanges<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
   EXPECT_FALSE(all->viaNexthopRequestDel(nhIntf("10.0.0.254", "Ethernet2")));
   EXPECT_TRUE(recorder->keys.empty());
   EXPECT_EQ(all->viaNexthopRequestCount(), 1u);
@@ -173,7 +175,7 @@ TEST(AllViaNexthopRequests, RemovedRecordHeldByReceiverKeepsItsState) {
     record->macAddrIs(mac("00:1c:73:aa:bb:cc"));
   }
   auto recorder =
-      recordKeys<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+      recordChanges<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
   ViaNexthopRequest::Ptr held;
   recorder->onChange = [&](const NexthopIntfId&) {
     auto values = Core::getNotifyValues<ViaNexthopRequest::Ptr>(
@@ -200,7 +202,7 @@ TEST(AllViaNexthopRequests, DelAllPublishesOncePerRecord) {
   all->viaNexthopRequestIs(nhIntf("10.0.0.253", "Ethernet1"));
   all->viaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet2"));
   auto recorder =
-      recordKeys<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+      recordChanges<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
   all->viaNexthopRequestDelAll();
   EXPECT_EQ(all->viaNexthopRequestCount(), 0u);
   EXPECT_EQ(std::set(recorder->keys.begin(), recorder->keys.end()),
@@ -215,7 +217,7 @@ TEST(AllViaNexthopRequests, DestructionDeletesEachRecordWithNotification) {
   all->viaNexthopRequestIs(nhIntf("10.0.0.254", "Ethernet1"))->addRequester(ip("10.0.0.1"));
   all->viaNexthopRequestIs(nhIntf("10.0.0.253", "Ethernet1"))->addRequester(ip("10.0.0.2"));
   auto recorder =
-      recordKeys<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
+      recordChanges<NexthopIntfId>(all.get(), AllViaNexthopRequests::viaNexthopRequestAttr);
   size_t requestersSeen = 0;
   // `all` is already null while the collection is destroyed: look it up through a raw pointer.
   const Core::Node* raw = all.get();
@@ -258,8 +260,8 @@ TEST(RequesterColl, StartsNotFoundWithInvalidIndex) {
 
 TEST(RequesterColl, SettersPublishOnlyChanges) {
   auto group = RequesterColl::RequesterCollIs(mac("00:1c:73:aa:bb:cc"));
-  auto indexes = recordKeys<uint32_t>(group.get(), RequesterColl::nhIndexAttr);
-  auto founds = recordKeys<bool>(group.get(), RequesterColl::nhIndexFoundAttr);
+  auto indexes = recordChanges<uint32_t>(group.get(), RequesterColl::nhIndexAttr);
+  auto founds = recordChanges<bool>(group.get(), RequesterColl::nhIndexFoundAttr);
 
   group->nhIndexIs(NexthopNhIndexResolverConstants::invalidNhIndex());
   group->nhIndexFoundIs(false);
@@ -297,15 +299,15 @@ TEST(RequesterColl, FreshGroupDumpsNotFoundAndAllOnesIndex) {
 
 TEST(IntfViaNexthopMacToNhIndexRequest, NewGroupIsAnnouncedEmptyBeforeItsFirstNexthop) {
   auto request = intfRequest("Ethernet1");
-  auto groups = recordKeys<Netval::EthAddr>(request.get(),
-                                            IntfViaNexthopMacToNhIndexRequest::requesterCollAttr);
+  auto groups = recordChanges<Netval::EthAddr>(
+      request.get(), IntfViaNexthopMacToNhIndexRequest::requesterCollAttr);
   std::vector<std::string> events;
-  Core::Ptr<FwdTest::KeyRecorder<Netval::IpGenAddr>> nexthops;
+  std::unique_ptr<TestSupport::ChangeRecorder<Netval::IpGenAddr>> nexthops;
   groups->onChange = [&](const Netval::EthAddr& macAddr) {
     RequesterColl::Ptr group = request->requesterColl(macAddr);
     ASSERT_TRUE(group);
     events.push_back("group with " + std::to_string(group->requesterCollCount()));
-    nexthops = recordKeys<Netval::IpGenAddr>(group.get(), RequesterColl::requesterCollAttr);
+    nexthops = recordChanges<Netval::IpGenAddr>(group.get(), RequesterColl::requesterCollAttr);
     nexthops->onChange = [&](const Netval::IpGenAddr& nexthop) {
       events.push_back("nexthop " + nexthop.toString());
     };
@@ -337,8 +339,8 @@ TEST(IntfViaNexthopMacToNhIndexRequest, NexthopsOfOneMacShareOneGroup) {
   EXPECT_TRUE(group->nhIndexFound());
   EXPECT_EQ(group->nhIndex(), 5u);
 
-  auto groups = recordKeys<Netval::EthAddr>(request.get(),
-                                            IntfViaNexthopMacToNhIndexRequest::requesterCollAttr);
+  auto groups = recordChanges<Netval::EthAddr>(
+      request.get(), IntfViaNexthopMacToNhIndexRequest::requesterCollAttr);
   request->delRequester(m, ip("10.0.0.2"));
   EXPECT_EQ(request->requesterColl(m), nullptr);
   EXPECT_FALSE(request->requesterCollHas(m));
@@ -447,7 +449,7 @@ TEST(IntfViaNexthopMacToNhIndexRequest, GroupAlreadyDumpedPrintsDuplicateMarker)
 TEST(AllIntfViaNexthopMacToNhIndexRequest, RequestIsCreatesOnceAndPublishesOnlyCreation) {
   auto all = AllIntfViaNexthopMacToNhIndexRequest::AllIntfViaNexthopMacToNhIndexRequestIs();
   auto recorder =
-      recordKeys<Netval::IntfId>(all.get(), AllIntfViaNexthopMacToNhIndexRequest::requestAttr);
+      recordChanges<Netval::IntfId>(all.get(), AllIntfViaNexthopMacToNhIndexRequest::requestAttr);
   const IntfViaNexthopMacToNhIndexRequest* anchoredNew = nullptr;
   recorder->onChange = [&](const Netval::IntfId&) {
     auto values = Core::getNotifyValues<IntfViaNexthopMacToNhIndexRequest::Ptr>(
@@ -475,7 +477,7 @@ TEST(AllIntfViaNexthopMacToNhIndexRequest, DelAndDelAllPublishPerRecord) {
   all->requestIs(intf("Ethernet2"));
   all->requestIs(intf("Ethernet3"));
   auto recorder =
-      recordKeys<Netval::IntfId>(all.get(), AllIntfViaNexthopMacToNhIndexRequest::requestAttr);
+      recordChanges<Netval::IntfId>(all.get(), AllIntfViaNexthopMacToNhIndexRequest::requestAttr);
   EXPECT_FALSE(all->requestDel(intf("Ethernet4")));
   EXPECT_TRUE(all->requestDel(intf("Ethernet1")));
   EXPECT_EQ(recorder->keys, std::vector{intf("Ethernet1")});
@@ -494,10 +496,10 @@ TEST(RequestRecords, ReleasingEverythingFreesEverything) {
     auto requests = allIntfViaNexthopMacToNhIndexRequestFactory();
     requests->requestIs(intf("Ethernet1"))->addRequester(mac("00:1c:73:aa:bb:cc"), ip("10.0.0.1"));
     requests->requestIs(intf("Ethernet1"))->addRequester(mac("00:1c:73:aa:bb:cd"), ip("10.0.0.2"));
-    auto watcher = recordKeys<Netval::IntfId>(requests.get(),
-                                              AllIntfViaNexthopMacToNhIndexRequest::requestAttr);
-    // 2 collections, 1 via, 1 interface record, 2 groups, 1 watcher.
-    EXPECT_EQ(Core::Node::liveCount(), before + 7);
+    auto watcher = recordChanges<Netval::IntfId>(requests.get(),
+                                                 AllIntfViaNexthopMacToNhIndexRequest::requestAttr);
+    // 2 collections, 1 via, 1 interface record, 2 groups (the watcher is no entity).
+    EXPECT_EQ(Core::Node::liveCount(), before + 6);
   }
   EXPECT_EQ(Core::Node::liveCount(), before);
 }

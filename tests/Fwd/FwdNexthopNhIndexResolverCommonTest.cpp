@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
+#include "support/ChangeRecorder.h"
 #include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 
@@ -13,11 +14,12 @@ namespace {
 using namespace FwdL3Unicast;
 using namespace FwdTest;
 using TestSupport::dump;
+using TestSupport::recordChanges;
 
 TEST(NexthopNhIndexResolverConfigDir, NewKeyPublishesOnceAndPresentKeyNothing) {
   auto dir = nexthopNhIndexResolverConfigDirFactory();
-  auto recorder =
-      recordKeys<NexthopNhIndexResolverKey>(dir.get(), NexthopNhIndexResolverConfigDir::configAttr);
+  auto recorder = recordChanges<NexthopNhIndexResolverKey>(
+      dir.get(), NexthopNhIndexResolverConfigDir::configAttr);
   const NexthopNhIndexResolverKey k = key("red", "10.0.0.1", "Ethernet1");
 
   EXPECT_TRUE(dir->configIs(k));
@@ -31,8 +33,8 @@ TEST(NexthopNhIndexResolverConfigDir, DelOfAbsentKeyPublishesNothing) {
   auto dir = nexthopNhIndexResolverConfigDirFactory();
   const NexthopNhIndexResolverKey k = key("red", "10.0.0.1", "Ethernet1");
   dir->configIs(k);
-  auto recorder =
-      recordKeys<NexthopNhIndexResolverKey>(dir.get(), NexthopNhIndexResolverConfigDir::configAttr);
+  auto recorder = recordChanges<NexthopNhIndexResolverKey>(
+      dir.get(), NexthopNhIndexResolverConfigDir::configAttr);
 
   EXPECT_FALSE(dir->configDel(key("red", "10.0.0.2", "Ethernet1")));
   EXPECT_TRUE(recorder->keys.empty());
@@ -71,8 +73,8 @@ TEST(NexthopNhIndexResolverConfigDir, WatchedDelAllPublishesOncePerMember) {
                                                     key("red", "10.0.0.2", "Ethernet1"),
                                                     key("blue", "10.0.0.3", "Ethernet1")};
   for (const auto& k : keys) dir->configIs(k);
-  auto recorder =
-      recordKeys<NexthopNhIndexResolverKey>(dir.get(), NexthopNhIndexResolverConfigDir::configAttr);
+  auto recorder = recordChanges<NexthopNhIndexResolverKey>(
+      dir.get(), NexthopNhIndexResolverConfigDir::configAttr);
 
   dir->configDelAll();
   EXPECT_EQ(dir->configCount(), 0u);
@@ -108,8 +110,8 @@ TEST(NexthopNhIndexResolverStatusDir, EqualStatusPublishesNothing) {
   auto dir = nexthopNhIndexResolverStatusDirFactory();
   const NexthopNhIndexResolverStatus s(key("red", "10.0.0.1", "Ethernet1"), 5);
   dir->statusIs(s);
-  auto recorder =
-      recordKeys<NexthopNhIndexResolverKey>(dir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  auto recorder = recordChanges<NexthopNhIndexResolverKey>(
+      dir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
 
   EXPECT_FALSE(dir->statusIs(s));
   EXPECT_TRUE(recorder->keys.empty());
@@ -119,8 +121,8 @@ TEST(NexthopNhIndexResolverStatusDir, OtherIndexReplacesWithOneNotification) {
   auto dir = nexthopNhIndexResolverStatusDirFactory();
   const NexthopNhIndexResolverKey k = key("red", "10.0.0.1", "Ethernet1");
   dir->statusIs(NexthopNhIndexResolverStatus(k, 5));
-  auto recorder =
-      recordKeys<NexthopNhIndexResolverKey>(dir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  auto recorder = recordChanges<NexthopNhIndexResolverKey>(
+      dir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
 
   EXPECT_TRUE(dir->statusIs(NexthopNhIndexResolverStatus(k, 6)));
   EXPECT_EQ(recorder->keys, std::vector{k});
@@ -145,8 +147,8 @@ TEST(NexthopNhIndexResolverStatusDir, WatchedDelAllPublishesOncePerMember) {
   auto dir = nexthopNhIndexResolverStatusDirFactory();
   dir->statusIs(NexthopNhIndexResolverStatus(key("red", "10.0.0.1", "Ethernet1"), 1));
   dir->statusIs(NexthopNhIndexResolverStatus(key("red", "10.0.0.2", "Ethernet1"), 2));
-  auto recorder =
-      recordKeys<NexthopNhIndexResolverKey>(dir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  auto recorder = recordChanges<NexthopNhIndexResolverKey>(
+      dir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
   dir->statusDelAll();
   EXPECT_EQ(recorder->keys.size(), 2u);
   EXPECT_EQ(dir->statusCount(), 0u);
@@ -169,7 +171,7 @@ TEST(NexthopNhIndexResolverStatusDir, DumpsIndexSigned) {
 TEST(NexthopIntfIdColl, KeepsItsVrfAndMembers) {
   auto coll = nexthopIntfIdCollFactory(vrf("red"));
   EXPECT_EQ(coll->vrfName(), vrf("red"));
-  auto recorder = recordKeys<NexthopIntfId>(coll.get(), NexthopIntfIdColl::configAttr);
+  auto recorder = recordChanges<NexthopIntfId>(coll.get(), NexthopIntfIdColl::configAttr);
   const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
   EXPECT_TRUE(coll->configIs(n));
   EXPECT_FALSE(coll->configIs(n));
@@ -195,7 +197,7 @@ TEST(NexthopIntfIdColl, DumpsAtIndentZeroAndFour) {
 
 TEST(NexthopToViaNexthopMap, MapDelOfAbsentKeyPublishesNothing) {
   auto map = nexthopToViaNexthopMapFactory();
-  auto recorder = recordKeys<NexthopIntfId>(map.get(), NexthopToViaNexthopMap::mapAttr);
+  auto recorder = recordChanges<NexthopIntfId>(map.get(), NexthopToViaNexthopMap::mapAttr);
   EXPECT_FALSE(map->mapDel(nhIntf("10.0.0.1", "Ethernet1")));
   EXPECT_TRUE(recorder->keys.empty());
 }
@@ -216,7 +218,7 @@ TEST(NexthopToViaNexthopMap, NotificationValuesPresentOnlyInsideThePublication) 
   const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
   const NexthopToViaNexthopMapEntry first(n, ip("10.0.0.254"));
   const NexthopToViaNexthopMapEntry second(n, ip("10.0.0.253"));
-  auto recorder = recordKeys<NexthopIntfId>(map.get(), NexthopToViaNexthopMap::mapAttr);
+  auto recorder = recordChanges<NexthopIntfId>(map.get(), NexthopToViaNexthopMap::mapAttr);
   std::vector<std::pair<std::string, std::string>> seen;  // (old, new), "-" when absent
   recorder->onChange = [&](const NexthopIntfId&) {
     auto values = Core::getNotifyValues<NexthopToViaNexthopMapEntry>(
@@ -258,7 +260,7 @@ TEST(NexthopToViaNexthopMacMap, ChangedMacReplacesWithOneNotification) {
   auto map = nexthopToViaNexthopMacMapFactory();
   const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
   map->mapIs(NexthopToViaNexthopMacMapEntry(n, ip("10.0.0.254"), mac("00:00:00:00:00:01")));
-  auto recorder = recordKeys<NexthopIntfId>(map.get(), NexthopToViaNexthopMacMap::mapAttr);
+  auto recorder = recordChanges<NexthopIntfId>(map.get(), NexthopToViaNexthopMacMap::mapAttr);
   EXPECT_FALSE(
       map->mapIs(NexthopToViaNexthopMacMapEntry(n, ip("10.0.0.254"), mac("00:00:00:00:00:01"))));
   EXPECT_TRUE(
@@ -290,7 +292,7 @@ TEST(ViaNexthopMacToNhIndexMap, WatchedDelAllPublishesOncePerMemberWithOldValues
   EXPECT_EQ(map->vrfName(), vrf("red"));
   map->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 1));
   map->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.2", "Ethernet1"), 2));
-  auto recorder = recordKeys<NexthopIntfId>(map.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  auto recorder = recordChanges<NexthopIntfId>(map.get(), ViaNexthopMacToNhIndexMap::mapAttr);
   std::set<uint32_t> oldIndexes;
   recorder->onChange = [&](const NexthopIntfId&) {
     auto values = Core::getNotifyValues<ViaNexthopMacToNhIndexMapEntry>(
@@ -340,7 +342,8 @@ TEST(ResolverCollections, ReleasingEverythingFreesEverything) {
     auto viaMap = nexthopToViaNexthopMapFactory();
     auto macMap = nexthopToViaNexthopMacMapFactory();
     auto indexMap = viaNexthopMacToNhIndexMapFactory(vrf("red"));
-    auto recorder = recordKeys<NexthopIntfId>(indexMap.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+    auto recorder =
+        recordChanges<NexthopIntfId>(indexMap.get(), ViaNexthopMacToNhIndexMap::mapAttr);
     config->configIs(key("red", "10.0.0.1", "Ethernet1"));
     status->statusIs(NexthopNhIndexResolverStatus(key("red", "10.0.0.1", "Ethernet1"), 1));
     coll->configIs(nhIntf("10.0.0.1", "Ethernet1"));
@@ -348,7 +351,8 @@ TEST(ResolverCollections, ReleasingEverythingFreesEverything) {
     macMap->mapIs(NexthopToViaNexthopMacMapEntry(nhIntf("10.0.0.1", "Ethernet1"), ip("10.0.0.254"),
                                                  mac("00:00:00:00:00:01")));
     indexMap->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 1));
-    EXPECT_EQ(Core::Node::liveCount(), before + 7);
+    // The six collections (the watcher is no entity).
+    EXPECT_EQ(Core::Node::liveCount(), before + 6);
   }
   EXPECT_EQ(Core::Node::liveCount(), before);
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
+#include "support/ChangeRecorder.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
 #include "support/TraceCapture.h"
@@ -12,6 +13,7 @@ namespace {
 
 using namespace FwdL3Unicast;
 using namespace FwdTest;
+using TestSupport::recordChanges;
 
 constexpr const char* kPublish =
     "void FwdL3Unicast::NexthopNhIndexResolverSm::NestedSm_VrfStatus::"
@@ -29,9 +31,9 @@ class StatusPublicationTest : public ::testing::Test, public FwdTest::ResolverFi
     configDir->configIs(key(vrfName, "10.0.0.1", "Ethernet1"));
     return root->allVrfNexthopNhIndexResolverStatusDir()->vrfStatus(vrf(vrfName));
   }
-  Core::Ptr<FwdTest::KeyRecorder<NexthopNhIndexResolverKey>> recordStatuses() {
-    return recordKeys<NexthopNhIndexResolverKey>(statusDir.get(),
-                                                 NexthopNhIndexResolverStatusDir::statusAttr);
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopNhIndexResolverKey>> recordStatuses() {
+    return recordChanges<NexthopNhIndexResolverKey>(statusDir.get(),
+                                                    NexthopNhIndexResolverStatusDir::statusAttr);
   }
 };
 

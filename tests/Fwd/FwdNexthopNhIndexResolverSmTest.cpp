@@ -6,6 +6,7 @@
 
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 #include "framework/CoreDump.h"
+#include "support/ChangeRecorder.h"
 #include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
@@ -16,6 +17,7 @@ namespace {
 using namespace FwdL3Unicast;
 using namespace FwdTest;
 using TestSupport::dump;
+using TestSupport::recordChanges;
 
 constexpr const char* kRoot = "void FwdL3Unicast::NexthopNhIndexResolverSm::";
 constexpr const char* kHandleConfigKey =
@@ -55,7 +57,7 @@ class RootTest : public ::testing::Test, public FwdTest::ResolverFixture {
 
 TEST_F(RootTest, RequestForUnreadyVrfIsStoredRegisteredAndNotPublished) {
   rootIs();
-  auto published = recordKeys<NexthopNhIndexResolverKey>(
+  auto published = recordChanges<NexthopNhIndexResolverKey>(
       statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
 
@@ -101,14 +103,14 @@ TEST_F(RootTest, DeletingOnlyRequestUnwindsVrfInOrderAndLaterRequestStartsAfresh
   // What is still there when the registration and then the status map go.
   std::vector<bool> atWithdrawal;
   auto registrations =
-      recordKeys<L3::VrfName>(nexthopConfig.get(), Routing::NexthopConfig::vrfAttr);
+      recordChanges<L3::VrfName>(nexthopConfig.get(), Routing::NexthopConfig::vrfAttr);
   registrations->onChange = [&](const L3::VrfName&) {
     atWithdrawal = {pipelines().smHas(vrf("red")), vrfMaps().vrfStatusHas(vrf("red")),
                     vrfConfigs().vrfConfigHas(vrf("red"))};
   };
   std::vector<bool> atMapDeletion;
-  auto maps = recordKeys<L3::VrfName>(root->allVrfNexthopNhIndexResolverStatusDir().get(),
-                                      AllVrfNexthopNhIndexResolverStatusDir::vrfStatusAttr);
+  auto maps = recordChanges<L3::VrfName>(root->allVrfNexthopNhIndexResolverStatusDir().get(),
+                                         AllVrfNexthopNhIndexResolverStatusDir::vrfStatusAttr);
   maps->onChange = [&](const L3::VrfName&) {
     atMapDeletion = {nexthopConfig->vrfHas(vrf("red")), vrfConfigs().vrfConfigHas(vrf("red")),
                      root->vrfStatus(vrf("red")) != nullptr};
@@ -141,7 +143,7 @@ TEST_F(RootTest, DeletingOnlyRequestUnwindsVrfInOrderAndLaterRequestStartsAfresh
 TEST_F(RootTest, SecondRequestOfVrfJoinsItsCollectionWithoutNewRegistration) {
   rootIs();
   auto registrations =
-      recordKeys<L3::VrfName>(nexthopConfig.get(), Routing::NexthopConfig::vrfAttr);
+      recordChanges<L3::VrfName>(nexthopConfig.get(), Routing::NexthopConfig::vrfAttr);
   TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   configDir->configIs(key("red", "10.0.0.1", "Ethernet2"));
@@ -169,7 +171,7 @@ TEST_F(RootTest, ConstructionClearsExistingStatusesBeforeAnythingElse) {
 
   // State of the other outputs when the old status goes.
   std::vector<size_t> atDeletion;
-  auto statuses = recordKeys<NexthopNhIndexResolverKey>(
+  auto statuses = recordChanges<NexthopNhIndexResolverKey>(
       statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
   statuses->onChange = [&](const NexthopNhIndexResolverKey&) {
     atDeletion = {nexthopConfig->vrfCount(), proactiveArpNexthop->entryCount()};
@@ -337,7 +339,7 @@ TEST(AllVrfNexthopNhIndexResolverConfigDir, VrfConfigIsReturnsExistingCollection
 TEST(AllVrfNexthopNhIndexResolverStatusDir, MapsAreStoredUnderTheirVrfName) {
   const auto dir = allVrfNexthopNhIndexResolverStatusDirFactory();
   auto changes =
-      recordKeys<L3::VrfName>(dir.get(), AllVrfNexthopNhIndexResolverStatusDir::vrfStatusAttr);
+      recordChanges<L3::VrfName>(dir.get(), AllVrfNexthopNhIndexResolverStatusDir::vrfStatusAttr);
   const auto red = viaNexthopMacToNhIndexMapFactory(vrf("red"));
   dir->vrfStatusIs(red);
   dir->vrfStatusIs(red);

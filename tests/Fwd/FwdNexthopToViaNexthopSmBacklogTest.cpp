@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ChangeRecorder.h"
 #include "support/Stage1Fixture.h"
 #include "support/TraceCapture.h"
 
@@ -76,7 +77,8 @@ TEST(NexthopToViaNexthopSm, AddressQueuedWhileHandledIsHandledAgain) {
   s.request("10.0.0.1", "Ethernet1");
   // The first review of the drain moves the FEC on, which queues the address again.
   bool moved = false;
-  auto mover = FwdTest::recordKeys<NexthopIntfId>(s.status.get(), NexthopToViaNexthopMap::mapAttr);
+  auto mover =
+      TestSupport::recordChanges<NexthopIntfId>(s.status.get(), NexthopToViaNexthopMap::mapAttr);
   mover->onChange = [&](const NexthopIntfId&) {
     if (moved) return;
     moved = true;

@@ -5,6 +5,7 @@
 
 #include "Fwd/FwdNexthopToViaNexthopSm.h"
 #include "framework/CoreDump.h"
+#include "support/ChangeRecorder.h"
 #include "support/Stage1Fixture.h"
 #include "support/TraceCapture.h"
 
@@ -119,8 +120,8 @@ TEST(NexthopToViaNexthopSm, DeletingTheLastInterfaceTracesEachStepInOrder) {
 TEST(NexthopToViaNexthopSm, TwoInterfacesRegisterTheNexthopOnceAndTheLastWithdrawsIt) {
   Stage1 s;
   NexthopToViaNexthopSm& sm = s.start();
-  auto recorder = FwdTest::recordKeys<Netval::IpGenAddr>(s.nexthopVrfConfig.get(),
-                                                         Routing::NexthopVrfConfig::nexthopAttr);
+  auto recorder = TestSupport::recordChanges<Netval::IpGenAddr>(
+      s.nexthopVrfConfig.get(), Routing::NexthopVrfConfig::nexthopAttr);
   TestSupport::TraceCapture capture;
   s.request("10.0.0.1", "Ethernet1");
   s.request("10.0.0.1", "Ethernet2");

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/ChangeRecorder.h"
 #include "support/Stage1Fixture.h"
 #include "support/TraceCapture.h"
 
@@ -231,7 +232,7 @@ TEST(NexthopToViaNexthopSm, UnchangedReviewPublishesNothing) {
   NexthopToViaNexthopSm& sm = s.start();
   s.request("10.0.0.1", "Ethernet1");
   auto recorder =
-      FwdTest::recordKeys<NexthopIntfId>(s.status.get(), NexthopToViaNexthopMap::mapAttr);
+      TestSupport::recordChanges<NexthopIntfId>(s.status.get(), NexthopToViaNexthopMap::mapAttr);
   sm.handleNexthopStatus(ip("10.0.0.1"));
   s.fec(7, {{"Ethernet1", "10.1.1.1"}, {"Ethernet2", "10.2.2.2"}});
   EXPECT_TRUE(recorder->keys.empty());

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Fwd/FwdViaNexthopMacToNhIndexSm.h"
+#include "support/ChangeRecorder.h"
 #include "support/Stage3Fixture.h"
 #include "support/TraceCapture.h"
 
@@ -176,9 +177,9 @@ TEST_F(Stage3Test, FoundFlagIsSetBeforeIndex) {
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   RequesterColl::Ptr watched = group("Ethernet1", kMacA);
   std::vector<std::string> order;
-  auto found = FwdTest::recordKeys<bool>(watched.get(), RequesterColl::nhIndexFoundAttr);
+  auto found = TestSupport::recordChanges<bool>(watched.get(), RequesterColl::nhIndexFoundAttr);
   found->onChange = [&order](bool value) { order.push_back(value ? "found" : "not found"); };
-  auto index = FwdTest::recordKeys<uint32_t>(watched.get(), RequesterColl::nhIndexAttr);
+  auto index = TestSupport::recordChanges<uint32_t>(watched.get(), RequesterColl::nhIndexAttr);
   index->onChange = [&order](uint32_t value) { order.push_back(std::to_string(value)); };
   module->nhIndexToMacIs(5, mac(kMacA));
   module->nhIndexToMacDel(5);

@@ -8,6 +8,7 @@
 #include "Fwd/FwdViaNexthopToViaNexthopMacSm.h"
 #include "framework/CoreDump.h"
 #include "platform/Plane.h"
+#include "support/ChangeRecorder.h"
 #include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
@@ -22,6 +23,7 @@ using namespace FwdTest;
 using Plane::NextHopInfo;
 using Plane::NextHopKey;
 using TestSupport::dump;
+using TestSupport::recordChanges;
 
 const std::string kFn = "void FwdL3Unicast::ViaNexthopToViaNexthopMacSm::";
 const std::string kInitialized = kFn + "handleInitialized(): ";
@@ -69,13 +71,13 @@ struct Host {
   Plane::ProactiveArpNexthopSm::Ptr proactiveArp =
       Plane::ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(clientConfig);
   std::vector<Core::Ptr<ViaNexthopToViaNexthopMacSm>> stages;
-  Core::Ptr<FwdTest::KeyRecorder<NextHopKey>> fanOut =
-      recordKeys<NextHopKey>(neighbours.get(), Plane::NextHopInfoWrapper::nextHopInfoAttr);
+  std::unique_ptr<TestSupport::ChangeRecorder<NextHopKey>> fanOut =
+      recordChanges<NextHopKey>(neighbours.get(), Plane::NextHopInfoWrapper::nextHopInfoAttr);
   // Every proactive ARP entry added or removed, and every resolution trigger, in order.
-  Core::Ptr<FwdTest::KeyRecorder<ClientEntry>> arpChanges =
-      recordKeys<ClientEntry>(clientConfig.get(), ClientConfig::entryAttr);
-  Core::Ptr<FwdTest::KeyRecorder<NextHopKey>> triggers =
-      recordKeys<NextHopKey>(clientConfig.get(), ClientConfig::resolutionTriggerAttr);
+  std::unique_ptr<TestSupport::ChangeRecorder<ClientEntry>> arpChanges =
+      recordChanges<ClientEntry>(clientConfig.get(), ClientConfig::entryAttr);
+  std::unique_ptr<TestSupport::ChangeRecorder<NextHopKey>> triggers =
+      recordChanges<NextHopKey>(clientConfig.get(), ClientConfig::resolutionTriggerAttr);
 
   Host() {
     fanOut->onChange = [this](const NextHopKey& key) {
@@ -100,8 +102,8 @@ struct Stage {
   NexthopToViaNexthopMacMap::Ptr macMap = nexthopToViaNexthopMacMapFactory();
   Core::Ptr<ViaNexthopToViaNexthopMacSm> sm;
   // Keys of the output map in the order they changed.
-  Core::Ptr<FwdTest::KeyRecorder<NexthopIntfId>> outputChanges =
-      recordKeys<NexthopIntfId>(macMap.get(), NexthopToViaNexthopMacMap::mapAttr);
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopIntfId>> outputChanges =
+      recordChanges<NexthopIntfId>(macMap.get(), NexthopToViaNexthopMacMap::mapAttr);
 
   Stage(Host& h, std::string_view name = "red", Plane::VrfId vrfId = kRedId)
       : host(h), vrfName(vrf(name)) {

@@ -7,6 +7,7 @@
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 #include "Fwd/FwdVrfNexthopNhIndexResolverSm.h"
 #include "framework/CoreDump.h"
+#include "support/ChangeRecorder.h"
 #include "support/DumpText.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
@@ -17,6 +18,7 @@ namespace {
 using namespace FwdL3Unicast;
 using namespace FwdTest;
 using TestSupport::dump;
+using TestSupport::recordChanges;
 
 constexpr const char* kHandleInitialized =
     "void FwdL3Unicast::VrfNexthopNhIndexResolverSm::handleInitialized()";
@@ -152,7 +154,7 @@ TEST_F(PipelineTest, SameArgumentsKeepTheStageAndDifferentOnesReplaceIt) {
   // empties the old output.
   const NexthopToViaNexthopMacMap::Ptr otherOutput = nexthopToViaNexthopMacMapFactory();
   std::vector<bool> replacedAtCleanup;
-  auto oldOutput = recordKeys<NexthopIntfId>(output.get(), NexthopToViaNexthopMacMap::mapAttr);
+  auto oldOutput = recordChanges<NexthopIntfId>(output.get(), NexthopToViaNexthopMacMap::mapAttr);
   oldOutput->onChange = [&](const NexthopIntfId&) {
     replacedAtCleanup.push_back(sm->viaNexthopToViaNexthopMacSm().get() != original);
   };

@@ -7,8 +7,8 @@
 
 #include "framework/CoreCollection.h"
 #include "framework/CoreDump.h"
-#include "framework/CoreReactor.h"
 #include "framework/Netval.h"
+#include "support/ChangeRecorder.h"
 
 namespace {
 
@@ -34,17 +34,9 @@ struct Holder : Core::Node {
   Core::Map<uint32_t, Netval::EthAddr> mac{this, macAttr};
 };
 
-// Counts the publications of one attribute.
-struct Counter : Core::Reactor {
-  Counter(const Core::Node* node, Core::AttrId attr) : slot(this, attr, node) {}
-  void handle(const uint32_t&) { ++count; }
-  int count = 0;
-  Core::Slot<Counter, uint32_t, &Counter::handle> slot;
-};
-
 TEST(CollectionOpsChildIs, CreatesOnceAndThenReturnsTheStoredChild) {
   auto holder = Core::makePtr<Holder>();
-  auto counter = Core::makePtr<Counter>(holder.get(), Holder::leafAttr);
+  TestSupport::ChangeRecorder<uint32_t> recorder(*holder, Holder::leafAttr);
   int creations = 0;
   auto create = [&creations](uint32_t id) {
     ++creations;
@@ -59,7 +51,7 @@ TEST(CollectionOpsChildIs, CreatesOnceAndThenReturnsTheStoredChild) {
 
   EXPECT_EQ(again, created);
   EXPECT_EQ(creations, 1);
-  EXPECT_EQ(counter->count, 1);
+  EXPECT_EQ(recorder.keys.size(), 1u);
   EXPECT_EQ(holder->leaf.size(), 1u);
 }
 

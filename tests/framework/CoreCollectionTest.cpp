@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "framework/CoreCollection.h"
 #include "framework/CoreReactor.h"
+#include "support/ChangeRecorder.h"
 
 namespace {
 
@@ -21,63 +21,40 @@ struct Box : Core::Node {
   Core::Map<uint32_t, std::string> map{this, mapAttr};
 };
 
-// Records every publication of a box, with the notification values anchored at that moment.
-struct Recorder : Core::Subscriber {
-  struct Event {
-    AttrId attr;
-    uint32_t key;
-    bool hadOld;
-    bool hadNew;
-  };
-  explicit Recorder(const Core::Node& box) : Subscriber(&Recorder::record), box_(&box) {
-    subscribe(box.publisher());
-  }
-  static void record(Core::Subscriber& s, AttrId attr, const void* key) {
-    auto& self = static_cast<Recorder&>(s);
-    Core::NotifyValues<Core::MapEntry<uint32_t, std::string>> values;
-    if (attr == Box::mapAttr) {
-      values = Core::getNotifyValues<Core::MapEntry<uint32_t, std::string>>(self.box_, attr);
-    }
-    self.events.push_back({attr, *static_cast<const uint32_t*>(key), values.oldValue != nullptr,
-                           values.newValue != nullptr});
-    if (self.onEvent) self.onEvent(*static_cast<const uint32_t*>(key));
-  }
-  const Core::Node* box_;
-  std::vector<Event> events;
-  std::function<void(uint32_t)> onEvent;
-};
+using KeysRecorder = TestSupport::ChangeRecorder<uint32_t, uint32_t>;
+using MapRecorder = TestSupport::ChangeRecorder<uint32_t, Core::MapEntry<uint32_t, std::string>>;
 
 TEST(Collection, EqualInsertPublishesNothing) {
   auto box = Core::makePtr<Box>();
-  Recorder rec(*box);
+  MapRecorder rec(*box, Box::mapAttr);
   EXPECT_TRUE(box->map.set({1, "a"}));
   EXPECT_FALSE(box->map.set({1, "a"}));
   EXPECT_TRUE(box->map.set({1, "b"}));
-  ASSERT_EQ(rec.events.size(), 2u);
-  EXPECT_FALSE(rec.events[0].hadOld);
-  EXPECT_TRUE(rec.events[1].hadOld && rec.events[1].hadNew);
+  ASSERT_EQ(rec.changes.size(), 2u);
+  EXPECT_FALSE(rec.changes[0].oldValue);
+  EXPECT_TRUE(rec.changes[1].oldValue && rec.changes[1].newValue);
   EXPECT_EQ(box->map.find(1)->value, "b");
 }
 
 TEST(Collection, DeleteOfAbsentKeyPublishesNothing) {
   auto box = Core::makePtr<Box>();
-  Recorder rec(*box);
+  KeysRecorder rec(*box, Box::keysAttr);
   EXPECT_FALSE(box->keys.del(7));
-  EXPECT_TRUE(rec.events.empty());
+  EXPECT_TRUE(rec.changes.empty());
 }
 
 TEST(Collection, DeleteAllWithSubscriberPublishesOncePerKey) {
   auto box = Core::makePtr<Box>();
   for (uint32_t i = 0; i < 50; ++i) box->map.set({i, std::to_string(i)});
-  Recorder rec(*box);
+  MapRecorder rec(*box, Box::mapAttr);
   box->map.delAll();
   EXPECT_TRUE(box->map.empty());
-  ASSERT_EQ(rec.events.size(), 50u);
+  ASSERT_EQ(rec.changes.size(), 50u);
   std::set<uint32_t> keys;
-  for (auto& e : rec.events) {
+  for (auto& e : rec.changes) {
     keys.insert(e.key);
-    EXPECT_TRUE(e.hadOld);
-    EXPECT_FALSE(e.hadNew);
+    EXPECT_TRUE(e.oldValue);
+    EXPECT_FALSE(e.newValue);
   }
   EXPECT_EQ(keys.size(), 50u);
 }
@@ -85,21 +62,21 @@ TEST(Collection, DeleteAllWithSubscriberPublishesOncePerKey) {
 TEST(Collection, DeleteAllWhileAHandlerInsertsEndsEmpty) {
   auto box = Core::makePtr<Box>();
   for (uint32_t i = 0; i < 50; ++i) box->keys.set(i);
-  Recorder rec(*box);
+  KeysRecorder rec(*box, Box::keysAttr);
   // Deleting one of the first ten keys inserts a replacement, growing the table under the walk.
-  rec.onEvent = [&](uint32_t key) {
+  rec.onChange = [&](const uint32_t& key) {
     if (key < 10 && !box->keys.has(key)) box->keys.set(1000 + key);
   };
   box->keys.delAll();
   EXPECT_TRUE(box->keys.empty());
   std::multiset<uint32_t> deleted;
   size_t inserted = 0;
-  for (auto& e : rec.events) {
+  for (auto& e : rec.changes) {
     if (e.key >= 1000) ++inserted;
     deleted.insert(e.key);
   }
   // 50 deletions, 10 insertions and the 10 inserted keys' deletions.
-  EXPECT_EQ(rec.events.size(), 70u);
+  EXPECT_EQ(rec.changes.size(), 70u);
   EXPECT_EQ(inserted, 20u);
   for (uint32_t i = 0; i < 50; ++i) EXPECT_EQ(deleted.count(i), 1u) << "key " << i;
 }
@@ -109,8 +86,8 @@ TEST(Collection, DeleteAllWithoutSubscriberSweepsSilently) {
   for (uint32_t i = 0; i < 50; ++i) box->keys.set(i);
   int calls = 0;
   {
-    Recorder rec(*box);
-    rec.onEvent = [&](uint32_t) { ++calls; };
+    KeysRecorder rec(*box, Box::keysAttr);
+    rec.onChange = [&](uint32_t) { ++calls; };
     box->keys.set(99);
   }
   box->keys.delAll();
@@ -147,10 +124,10 @@ TEST(Collection, IteratingWhileDeletingEveryMemberVisitsEachOnce) {
 TEST(Collection, HandlerDrainingTheRestUnderAnOuterLoopLeavesNothingTwice) {
   auto box = Core::makePtr<Box>();
   for (uint32_t i = 0; i < 100; ++i) box->keys.set(i);
-  Recorder rec(*box);
+  KeysRecorder rec(*box, Box::keysAttr);
   // The first deletion's handler drains the whole collection, re-entering del.
   bool draining = false;
-  rec.onEvent = [&](uint32_t) {
+  rec.onChange = [&](uint32_t) {
     if (draining) return;
     draining = true;
     for (auto it = box->keys.begin(); it != box->keys.end(); ++it) {
@@ -165,7 +142,7 @@ TEST(Collection, HandlerDrainingTheRestUnderAnOuterLoopLeavesNothingTwice) {
     box->keys.del(key);
   }
   EXPECT_EQ(outerVisits, 1);
-  EXPECT_EQ(rec.events.size(), 100u);
+  EXPECT_EQ(rec.changes.size(), 100u);
   EXPECT_TRUE(box->keys.empty());
 }
 
@@ -183,9 +160,9 @@ TEST(Collection, NestedPublicationsAnchorTheirOwnValues) {
   auto box = Core::makePtr<Box>();
   box->map.set({1, "one"});
   box->map.set({2, "two"});
-  Recorder rec(*box);
+  MapRecorder rec(*box, Box::mapAttr);
   std::vector<std::string> seen;
-  rec.onEvent = [&](uint32_t key) {
+  rec.onChange = [&](const uint32_t& key) {
     auto values =
         Core::getNotifyValues<Core::MapEntry<uint32_t, std::string>>(box.get(), Box::mapAttr);
     seen.push_back(std::to_string(key) + ":" + (values.oldValue ? values.oldValue->value : "-") +
@@ -257,11 +234,11 @@ TEST(Collection, RemovedChildStaysAliveWhileTheHandlerHoldsIt) {
 TEST(Collection, ChildMapReplacesByIdentityOnly) {
   auto parent = Core::makePtr<Parent>();
   auto a = Core::makePtr<Child>(1);
-  Recorder rec(*parent);
+  TestSupport::ChangeRecorder<uint32_t> rec(*parent, Parent::childAttr);
   EXPECT_TRUE(parent->child.set(a));
   EXPECT_FALSE(parent->child.set(a));
   EXPECT_TRUE(parent->child.set(Core::makePtr<Child>(1)));
-  EXPECT_EQ(rec.events.size(), 2u);
+  EXPECT_EQ(rec.changes.size(), 2u);
   EXPECT_NE(parent->child.get(1).get(), a.get());
   EXPECT_EQ(parent->child.get(2), nullptr);
 }

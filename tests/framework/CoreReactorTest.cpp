@@ -72,6 +72,35 @@ TEST(Reactor, OtherAttributesAreIgnored) {
   EXPECT_EQ(w->seen, (std::vector<uint32_t>{1000, 2}));
 }
 
+// Overloaded handlers named without a cast: the slot picks the per-key overload, taken by
+// const reference or by value.
+struct OverloadWatcher : Core::Reactor {
+  explicit OverloadWatcher(Ptr<Box> box) : box_(std::move(box)) {}
+  void handleKeys() { wholeCalls += 1; }
+  void handleKeys(const uint32_t& key) { byRef.push_back(key); }
+  void handleOther() { wholeCalls += 1; }
+  void handleOther(uint32_t key) { byValue.push_back(key); }
+
+  int wholeCalls = 0;
+  std::vector<uint32_t> byRef;
+  std::vector<uint32_t> byValue;
+  Ptr<Box> box_;
+  Core::Slot<OverloadWatcher, uint32_t, &OverloadWatcher::handleKeys> keysSlot_{this, Box::keysAttr,
+                                                                                box_.get()};
+  Core::Slot<OverloadWatcher, uint32_t, &OverloadWatcher::handleOther> otherSlot_{
+      this, Box::otherAttr, box_.get()};
+};
+
+TEST(Reactor, SlotPicksThePerKeyOverloadOfAHandler) {
+  auto box = Core::makePtr<Box>();
+  auto w = Core::makePtr<OverloadWatcher>(box);
+  box->keys.set(1);
+  box->other.set(2);
+  EXPECT_EQ(w->byRef, std::vector<uint32_t>{1});
+  EXPECT_EQ(w->byValue, std::vector<uint32_t>{2});
+  EXPECT_EQ(w->wholeCalls, 0);
+}
+
 TEST(Reactor, SwitchedOffReactorHearsNothingAndSwitchingOnReplaysNothing) {
   auto box = Core::makePtr<Box>();
   auto w = Core::makePtr<Watcher>(box);

@@ -17,6 +17,7 @@
 
 #include "framework/Kiln.h"
 #include "framework/Netval.h"
+#include "framework/detail/RingLogFormat.h"
 
 namespace {
 
@@ -187,9 +188,10 @@ TEST_F(RingLogTest, WrappingKeepsTheNewestRecordsOldestFirst) {
   const auto& m = messageOf(60, "record ", uint64_t{0}, " of ", std::string());
   const std::string padding(40, 'p');
   // A record: header, 8-byte integer, 4-byte length and the padding, rounded up to 8 bytes.
-  const uint64_t recordBytes = (sizeof(RingLog::RecordHeader) + 8 + 4 + padding.size() + 7) / 8 * 8;
+  const uint64_t recordBytes =
+      (sizeof(RingLog::detail::RecordHeader) + 8 + 4 + padding.size() + 7) / 8 * 8;
   const uint64_t recordsPerBlock =
-      (RingLog::kBlockBytes - sizeof(RingLog::BlockHeader)) / recordBytes;
+      (RingLog::detail::kBlockBytes - sizeof(RingLog::detail::BlockHeader)) / recordBytes;
   // Four times what the ring holds.
   const uint64_t total = 4 * kFileBytes / recordBytes;
   for (uint64_t i = 1; i <= total; ++i) RingLog::write(m, "record ", i, " of ", padding);
@@ -206,7 +208,7 @@ TEST_F(RingLogTest, WrappingKeepsTheNewestRecordsOldestFirst) {
         << "at line " << i;
   }
   // Only the block being refilled is lost: every other block is full.
-  RingLog::FileHeader header;
+  RingLog::detail::FileHeader header;
   std::memcpy(&header, readFile().data(), sizeof header);
   EXPECT_GE(lines.size(), (header.blockCount - 1) * recordsPerBlock);
 }
@@ -217,10 +219,10 @@ TEST_F(RingLogTest, AddressesTakeTheBytesOfTheirFamily) {
   trace(76, "v6 ", Netval::IpGenAddr::fromText("2001:db8::7"));
   trace(77, "none ", Netval::IpGenAddr());
   RingLog::close();
-  RingLog::FileHeader header;
+  RingLog::detail::FileHeader header;
   const std::string bytes = readFile();
   std::memcpy(&header, bytes.data(), sizeof header);
-  RingLog::BlockHeader block;
+  RingLog::detail::BlockHeader block;
   std::memcpy(&block, bytes.data() + header.ringOffset, sizeof block);
   // Each record: an 8-byte header, the family byte and the address, rounded up to 8 bytes.
   EXPECT_EQ(block.used, (8 + 1 + 4 + 7) / 8 * 8 + (8 + 1 + 16 + 7) / 8 * 8 + (8 + 1 + 7) / 8 * 8);
@@ -261,7 +263,7 @@ TEST_F(RingLogTest, MessagesBeyondAFullDescriptorAreaAreDropped) {
   EXPECT_EQ(lines.front(), "1 RingLogTest.cpp:80 [Test/8] void f(): first");
   EXPECT_EQ(lines.back(),
             std::to_string(lines.size()) + " RingLogTest.cpp:80 [Test/8] void f(): first");
-  RingLog::FileHeader header;
+  RingLog::detail::FileHeader header;
   std::string bytes = readFile();
   std::memcpy(&header, bytes.data(), sizeof header);
   EXPECT_EQ(header.droppedRecords, 22u - lines.size());
@@ -317,8 +319,8 @@ TEST_F(RingLogTest, DecodeRejectsAnotherVersionOrACutFile) {
   EXPECT_THAT(decodeError(), HasSubstr("header says " + std::to_string(good.size()) + " bytes"));
 
   std::string otherVersion = good;
-  uint32_t version = RingLog::kVersion + 1;
-  std::memcpy(otherVersion.data() + offsetof(RingLog::FileHeader, version), &version, 4);
+  uint32_t version = RingLog::detail::kVersion + 1;
+  std::memcpy(otherVersion.data() + offsetof(RingLog::detail::FileHeader, version), &version, 4);
   writeFile(otherVersion);
   EXPECT_THAT(decodeError(), HasSubstr("unsupported version " + std::to_string(version)));
 }
@@ -328,11 +330,11 @@ TEST_F(RingLogTest, DecodeRejectsACorruptRecord) {
   trace(100, "x");
   RingLog::close();
   std::string bytes = readFile();
-  RingLog::FileHeader header;
+  RingLog::detail::FileHeader header;
   std::memcpy(&header, bytes.data(), sizeof header);
-  size_t record = header.ringOffset + sizeof(RingLog::BlockHeader);
+  size_t record = header.ringOffset + sizeof(RingLog::detail::BlockHeader);
   uint32_t badId = 999999;
-  std::memcpy(bytes.data() + record + offsetof(RingLog::RecordHeader, id), &badId, 4);
+  std::memcpy(bytes.data() + record + offsetof(RingLog::detail::RecordHeader, id), &badId, 4);
   writeFile(bytes);
   EXPECT_THAT(decodeError(), HasSubstr("unknown message id 999999"));
 }

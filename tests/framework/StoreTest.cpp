@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "framework/KilnMemtab.h"
+#include "support/ChangeRecorder.h"
 
 namespace {
 
@@ -24,17 +25,6 @@ class ArpTable : public Core::Node {
  public:
   static constexpr std::string_view kTypeName = "Test::ArpTable";
   std::string_view typeName() const override { return kTypeName; }
-};
-
-// Records every change the entity manager publishes.
-struct PathRecorder : Core::Subscriber {
-  PathRecorder()
-      : Core::Subscriber([](Core::Subscriber& self, Core::AttrId attr, const void* key) {
-          auto& recorder = static_cast<PathRecorder&>(self);
-          EXPECT_EQ(attr, EntityManager::kEntity);
-          recorder.paths.push_back(*static_cast<const std::string*>(key));
-        }) {}
-  std::vector<std::string> paths;
 };
 
 TEST(EntityManager, PublishesAndLooksUpByPath) {
@@ -86,8 +76,7 @@ TEST(EntityManager, DeleteRemovesOnlyThatPath) {
 
 TEST(EntityManager, NotifiesOncePerActualChange) {
   auto em = EntityManager::EntityManagerIs();
-  PathRecorder recorder;
-  recorder.subscribe(em->publisher());
+  TestSupport::ChangeRecorder<std::string> recorder(*em, EntityManager::kEntity);
   auto first = Core::makePtr<FecTable>();
 
   em->entityIs("a", first);
@@ -98,7 +87,7 @@ TEST(EntityManager, NotifiesOncePerActualChange) {
   em->entityDel("a");  // already gone: no change
   em->entityDelAll();
 
-  EXPECT_THAT(recorder.paths, ElementsAre("a", "a", "b", "a", "b"));
+  EXPECT_THAT(recorder.keys, ElementsAre("a", "a", "b", "a", "b"));
 }
 
 TEST(EntityManager, NullEntityIsRejected) {

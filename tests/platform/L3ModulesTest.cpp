@@ -44,7 +44,7 @@ TEST_F(NextHopModTest, PublishesOnceForEachInsertChangeAndDelete) {
   EXPECT_TRUE(mod->nhIndexToMacIs(5, kMacB));
   EXPECT_TRUE(mod->nhIndexToMacDel(6));
 
-  EXPECT_THAT(recorder.keys(), ElementsAre(5u, 6u, 5u, 6u));
+  EXPECT_THAT(recorder.keys, ElementsAre(5u, 6u, 5u, 6u));
   EXPECT_EQ(mod->nhIndexToMacCount(), 1u);
   EXPECT_EQ(mod->nhIndexToMac(5), kMacB);
 }
@@ -75,7 +75,7 @@ TEST_F(NextHopModTest, DelAllPublishesEveryIndex) {
 
   mod->nhIndexToMacDelAll();
 
-  EXPECT_THAT(recorder.keys(), UnorderedElementsAre(5u, 6u));
+  EXPECT_THAT(recorder.keys, UnorderedElementsAre(5u, 6u));
   EXPECT_EQ(mod->nhIndexToMacCount(), 0u);
 }
 
@@ -172,7 +172,7 @@ TEST_F(L3ModulesTest, InsertPublishesAndIsFoundByInterface) {
   EXPECT_EQ(modules->nextHopModIs(et1), et1);
   modules->nextHopModIs(et2);
 
-  EXPECT_THAT(recorder.keys(), ElementsAre(kEt1, kEt2));
+  EXPECT_THAT(recorder.keys, ElementsAre(kEt1, kEt2));
   EXPECT_EQ(modules->nextHopMod(kEt1).get(), et1.get());
   EXPECT_EQ(modules->nextHopModMutable(kEt2), et2);
   EXPECT_TRUE(modules->nextHopModHas(kEt1));
@@ -235,7 +235,7 @@ TEST_F(L3ModulesTest, ModuleIsReplacedByDeleteThenInsert) {
   modules->nextHopModDel(kEt1);
   modules->nextHopModIs(replacement);
 
-  EXPECT_THAT(recorder.keys(), ElementsAre(kEt1, kEt1));
+  EXPECT_THAT(recorder.keys, ElementsAre(kEt1, kEt1));
   EXPECT_EQ(modules->nextHopModMutable(kEt1), replacement);
 }
 
@@ -254,7 +254,7 @@ TEST_F(L3ModulesTest, DelAllPublishesEveryInterface) {
 
   modules->nextHopModDelAll();
 
-  EXPECT_THAT(recorder.keys(), UnorderedElementsAre(kEt1, kEt2));
+  EXPECT_THAT(recorder.keys, UnorderedElementsAre(kEt1, kEt2));
   EXPECT_EQ(modules->nextHopModCount(), 0u);
 }
 

@@ -10,6 +10,7 @@
 #include "framework/Core.h"
 #include "framework/CoreDump.h"
 #include "framework/Kiln.h"
+#include "support/ChangeRecorder.h"
 #include "support/FwdTestValues.h"
 #include "support/LiveCountTest.h"
 
@@ -17,7 +18,6 @@ namespace {
 
 using Arp::ProactiveArp::ClientConfig;
 using Arp::ProactiveArp::ClientEntry;
-using FwdTest::recordKeys;
 using Netval::EthAddr;
 using Netval::IntfId;
 using Netval::IpGenAddr;
@@ -30,6 +30,7 @@ using Plane::VrfL3StatusAll;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+using TestSupport::recordChanges;
 
 const IntfId kEt1("Ethernet1");
 const IntfId kEt2("Ethernet2");
@@ -42,7 +43,7 @@ class NextHopInfoWrapperTest : public TestSupport::LiveCountTest {};
 
 TEST_F(NextHopInfoWrapperTest, PublishesOnceForEachInsertChangeAndDelete) {
   auto wrapper = NextHopInfoWrapper::NextHopInfoWrapperIs();
-  auto recorder = recordKeys<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
+  auto recorder = recordChanges<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
 
   EXPECT_TRUE(wrapper->nextHopInfoIs(kNeighbourA, kResolvedA));
   EXPECT_TRUE(wrapper->nextHopInfoIs(kNeighbourB, kResolvedA));
@@ -57,7 +58,7 @@ TEST_F(NextHopInfoWrapperTest, PublishesOnceForEachInsertChangeAndDelete) {
 TEST_F(NextHopInfoWrapperTest, EqualInsertPublishesNothing) {
   auto wrapper = NextHopInfoWrapper::NextHopInfoWrapperIs();
   wrapper->nextHopInfoIs(kNeighbourA, kResolvedA);
-  auto recorder = recordKeys<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
+  auto recorder = recordChanges<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
 
   EXPECT_FALSE(wrapper->nextHopInfoIs(kNeighbourA, kResolvedA));
 
@@ -67,7 +68,7 @@ TEST_F(NextHopInfoWrapperTest, EqualInsertPublishesNothing) {
 TEST_F(NextHopInfoWrapperTest, DeleteOfAbsentKeyPublishesNothing) {
   auto wrapper = NextHopInfoWrapper::NextHopInfoWrapperIs();
   wrapper->nextHopInfoIs(kNeighbourA, kResolvedA);
-  auto recorder = recordKeys<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
+  auto recorder = recordChanges<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
 
   EXPECT_FALSE(wrapper->nextHopInfoDel(kNeighbourB));
 
@@ -79,7 +80,7 @@ TEST_F(NextHopInfoWrapperTest, DelAllPublishesEveryKey) {
   auto wrapper = NextHopInfoWrapper::NextHopInfoWrapperIs();
   wrapper->nextHopInfoIs(kNeighbourA, kResolvedA);
   wrapper->nextHopInfoIs(kNeighbourB, kResolvedA);
-  auto recorder = recordKeys<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
+  auto recorder = recordChanges<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
 
   wrapper->nextHopInfoDelAll();
 
@@ -102,7 +103,7 @@ TEST_F(NextHopInfoWrapperTest, ChangeCarriesOldAndNewInfoAsNotificationValues) {
   using Entry = Core::MapEntry<NextHopKey, NextHopInfo>;
   std::vector<NextHopInfo> oldInfos;
   std::vector<NextHopInfo> newInfos;
-  auto recorder = recordKeys<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
+  auto recorder = recordChanges<NextHopKey>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
   recorder->onChange = [&](const NextHopKey&) {
     auto values = Core::getNotifyValues<Entry>(wrapper.get(), NextHopInfoWrapper::nextHopInfoAttr);
     ASSERT_TRUE(values.oldValue && values.newValue);
@@ -137,8 +138,8 @@ const L3::VrfName kBlue("blue");
 
 TEST_F(VrfL3StatusAllTest, VrfStatusPublishesOncePerChangeAndNothingForNoChange) {
   auto all = VrfL3StatusAll::VrfL3StatusAllIs();
-  auto statuses = recordKeys<L3::VrfName>(all.get(), VrfL3StatusAll::vrfStatusAttr);
-  auto ids = recordKeys<L3::VrfName>(all.get(), VrfL3StatusAll::vrfIdAttr);
+  auto statuses = recordChanges<L3::VrfName>(all.get(), VrfL3StatusAll::vrfStatusAttr);
+  auto ids = recordChanges<L3::VrfName>(all.get(), VrfL3StatusAll::vrfIdAttr);
 
   EXPECT_TRUE(all->vrfStatusIs(VrfL3Status(kRed, 5)));
   EXPECT_FALSE(all->vrfStatusIs(VrfL3Status(kRed, 5)));
@@ -152,8 +153,8 @@ TEST_F(VrfL3StatusAllTest, VrfStatusPublishesOncePerChangeAndNothingForNoChange)
 
 TEST_F(VrfL3StatusAllTest, VrfIdPublishesOncePerChangeAndNothingForNoChange) {
   auto all = VrfL3StatusAll::VrfL3StatusAllIs();
-  auto statuses = recordKeys<L3::VrfName>(all.get(), VrfL3StatusAll::vrfStatusAttr);
-  auto ids = recordKeys<L3::VrfName>(all.get(), VrfL3StatusAll::vrfIdAttr);
+  auto statuses = recordChanges<L3::VrfName>(all.get(), VrfL3StatusAll::vrfStatusAttr);
+  auto ids = recordChanges<L3::VrfName>(all.get(), VrfL3StatusAll::vrfIdAttr);
 
   EXPECT_TRUE(all->vrfIdIs(kRed, 5));
   EXPECT_FALSE(all->vrfIdIs(kRed, 5));
@@ -223,7 +224,7 @@ class ProactiveArpTest : public TestSupport::LiveCountTest {
 };
 
 TEST_F(ProactiveArpTest, ClientConfigEntryPublishesOncePerChange) {
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
   const ClientEntry entry(kNeighbourA, 1005);
 
   EXPECT_TRUE(config->entryIs(entry));
@@ -235,7 +236,7 @@ TEST_F(ProactiveArpTest, ClientConfigEntryPublishesOncePerChange) {
 }
 
 TEST_F(ProactiveArpTest, ClientConfigResolutionTriggerPublishesOncePerChange) {
-  auto triggers = recordKeys<NextHopKey>(config.get(), ClientConfig::resolutionTriggerAttr);
+  auto triggers = recordChanges<NextHopKey>(config.get(), ClientConfig::resolutionTriggerAttr);
 
   EXPECT_TRUE(config->resolutionTriggerIs(kNeighbourA, 1));
   EXPECT_FALSE(config->resolutionTriggerIs(kNeighbourA, 1));
@@ -249,7 +250,7 @@ TEST_F(ProactiveArpTest, ClientConfigResolutionTriggerPublishesOncePerChange) {
 TEST_F(ProactiveArpTest, NewClientEmptiesItsClientConfig) {
   config->entryIs(ClientEntry(kNeighbourA, 1005));
   config->entryIs(ClientEntry(kNeighbourB, 1005));
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
 
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
 
@@ -261,7 +262,7 @@ TEST_F(ProactiveArpTest, NewClientEmptiesItsClientConfig) {
 
 TEST_F(ProactiveArpTest, AddEntryWritesTheEntryOnce) {
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
 
   sm->addEntry(kNeighbourA, 1005);
   sm->addEntry(kNeighbourA, 1005);
@@ -274,7 +275,7 @@ TEST_F(ProactiveArpTest, AddEntryWritesTheEntryOnce) {
 TEST_F(ProactiveArpTest, RemoveEntryOfAbsentEntryChangesNothing) {
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
   sm->addEntry(kNeighbourA, 1005);
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
 
   sm->removeEntry(kNeighbourB, 1005);
   sm->removeEntry(kNeighbourA, 1006);
@@ -287,7 +288,7 @@ TEST_F(ProactiveArpTest, RemoveEntryRemovesOnlyThatVrfsEntry) {
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
   sm->addEntry(kNeighbourA, 1005);
   sm->addEntry(kNeighbourA, 1006);
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
 
   sm->removeEntry(kNeighbourA, 1005);
 
@@ -310,7 +311,7 @@ TEST_F(ProactiveArpTest, TwoVrfsSharingAViaKeepTwoEntries) {
 TEST_F(ProactiveArpTest, DroppingTheClientLeavesItsEntries) {
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
   sm->addEntry(kNeighbourA, 1005);
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
 
   sm = nullptr;
 
@@ -320,7 +321,7 @@ TEST_F(ProactiveArpTest, DroppingTheClientLeavesItsEntries) {
 
 TEST_F(ProactiveArpTest, TriggerResolutionIncrementsTheCountAndPublishes) {
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
-  auto triggers = recordKeys<NextHopKey>(config.get(), ClientConfig::resolutionTriggerAttr);
+  auto triggers = recordChanges<NextHopKey>(config.get(), ClientConfig::resolutionTriggerAttr);
 
   sm->doUpdateTriggerResolution(kNeighbourA);
   sm->doUpdateTriggerResolution(kNeighbourA);
@@ -333,7 +334,7 @@ TEST_F(ProactiveArpTest, TriggerResolutionIncrementsTheCountAndPublishes) {
 
 TEST_F(ProactiveArpTest, TriggerResolutionDoesNotTouchTheEntries) {
   auto sm = ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(config);
-  auto entries = recordKeys<ClientEntry>(config.get(), ClientConfig::entryAttr);
+  auto entries = recordChanges<ClientEntry>(config.get(), ClientConfig::entryAttr);
 
   sm->doUpdateTriggerResolution(kNeighbourA);
 

@@ -60,7 +60,7 @@ TEST(NexthopVrfConfig, AddPublishesOncePerNewAddress) {
   EXPECT_FALSE(config->nexthopIs(NexthopConfigEntry(addr("10.0.0.1"))));
   EXPECT_TRUE(config->nexthopIs(NexthopConfigEntry(addr("10.0.0.2"))));
 
-  EXPECT_EQ(recorder.keys(), (std::vector<IpGenAddr>{addr("10.0.0.1"), addr("10.0.0.2")}));
+  EXPECT_EQ(recorder.keys, (std::vector<IpGenAddr>{addr("10.0.0.1"), addr("10.0.0.2")}));
   EXPECT_FALSE(recorder.changes[0].oldValue);
   EXPECT_EQ(recorder.changes[0].newValue, NexthopConfigEntry(addr("10.0.0.1")));
   EXPECT_EQ(config->nexthopCount(), 2u);
@@ -93,7 +93,7 @@ TEST(NexthopVrfConfig, DeleteAllPublishesOncePerAddress) {
 
   config->nexthopDelAll();
 
-  EXPECT_EQ(sorted(recorder.keys()),
+  EXPECT_EQ(sorted(recorder.keys),
             (std::set<IpGenAddr>{addr("10.0.0.1"), addr("10.0.0.2"), addr("10.0.0.3")}));
   EXPECT_EQ(recorder.changes.size(), 3u);
   EXPECT_EQ(config->nexthopCount(), 0u);
@@ -143,7 +143,7 @@ TEST(NexthopConfig, DeletesPublishOncePerVrfAndNothingForAbsent) {
 
   EXPECT_FALSE(config->vrfDel(L3::VrfName("green")));
   EXPECT_TRUE(config->vrfDel(red));
-  EXPECT_EQ(recorder.keys(), std::vector<L3::VrfName>{red});
+  EXPECT_EQ(recorder.keys, std::vector<L3::VrfName>{red});
   config->vrfDelAll();
 
   EXPECT_EQ(recorder.changes.size(), 3u);
@@ -247,7 +247,7 @@ TEST(NexthopBacklog, QueuesAnAddressOnceAndPublishesPerChange) {
   EXPECT_FALSE(backlog->backlogDel(addr("10.0.0.9")));
   EXPECT_TRUE(backlog->backlogDel(addr("10.0.0.1")));
 
-  EXPECT_EQ(recorder.keys(),
+  EXPECT_EQ(recorder.keys,
             (std::vector<IpGenAddr>{addr("10.0.0.1"), addr("10.0.0.2"), addr("10.0.0.1")}));
   EXPECT_FALSE(recorder.changes[2].newValue);
   EXPECT_EQ(backlog->backlogCount(), 1u);
@@ -350,7 +350,7 @@ TEST_F(FibMonitor, FecRemovalQueuesItsUsers) {
 TEST_F(FibMonitor, FecUsersAreQueuedInAddressOrder) {
   AddrRecorder recorder(*backlog, NexthopBacklog::backlogAttr);
   touch(fec1);
-  EXPECT_EQ(recorder.keys(), (std::vector<IpGenAddr>{addr("10.1.0.1"), addr("10.1.0.2")}));
+  EXPECT_EQ(recorder.keys, (std::vector<IpGenAddr>{addr("10.1.0.1"), addr("10.1.0.2")}));
 }
 
 TEST_F(FibMonitor, MovedAddressFollowsItsNewFec) {

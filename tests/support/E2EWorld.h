@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -14,7 +13,6 @@
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 #include "framework/Core.h"
 #include "framework/CoreCollection.h"
-#include "framework/CoreReactor.h"
 #include "framework/Hub.h"
 #include "framework/L3VrfName.h"
 #include "framework/Netval.h"
@@ -31,140 +29,6 @@
 // reads of the module's two outputs (statuses and proactive ARP entries).
 namespace E2E {
 
-// Calls a function with every key that one attribute of a notifier publishes. Holds the
-// notifier so that it outlives the subscription.
-template <class Key>
-class KeyWatch : public Core::Reactor {
- public:
-  using Ptr = Core::Ptr<KeyWatch>;
-  using Handler = std::function<void(const Key&)>;
-
-  static Ptr KeyWatchIs(Core::Ptr<const Core::Node> notifier, Core::AttrId attr, Handler handler) {
-    return Ptr(new KeyWatch(std::move(notifier), attr, std::move(handler)));
-  }
-
-  std::string_view typeName() const override { return "E2E::KeyWatch"; }
-
- private:
-  KeyWatch(Core::Ptr<const Core::Node> notifier, Core::AttrId attr, Handler handler)
-      : notifier_(std::move(notifier)),
-        handler_(std::move(handler)),
-        slot_(this, attr, notifier_.get()) {}
-
-  void handleKey(const Key& key) { handler_(key); }
-
-  Core::Ptr<const Core::Node> notifier_;
-  Handler handler_;
-  Core::Slot<KeyWatch, Key, &KeyWatch::handleKey> slot_;
-};
-
-// The host's routing next-hop resolver as the module meets it. It hears VRF and next-hop
-// registrations inside the module's handlers but acts on them only afterwards, one scheduler
-// task per change in the order the changes happened, never coalesced: a withdrawn VRF
-// registration removes the VRF's NexthopVrfStatus, a new one creates it. A registered next hop
-// has a status entry while its VRF's route table holds a route for it; route changes made by
-// the host (the test) apply at once.
-class RoutingResolver {
- public:
-  using FecId = Memtab::Fib::FecId;
-
-  RoutingResolver(Routing::NexthopConfig::Ptr nexthopConfig,
-                  Routing::NexthopStatus::Ptr nexthopStatus, Hub::TaskScheduler::Ptr scheduler)
-      : nexthopConfig_(std::move(nexthopConfig)),
-        nexthopStatus_(std::move(nexthopStatus)),
-        scheduler_(std::move(scheduler)) {
-    vrfWatch_ = KeyWatch<L3::VrfName>::KeyWatchIs(
-        nexthopConfig_, Routing::NexthopConfig::vrfAttr,
-        [this](const L3::VrfName& vrfName) { handleVrf(vrfName); });
-  }
-  RoutingResolver(const RoutingResolver&) = delete;
-  RoutingResolver& operator=(const RoutingResolver&) = delete;
-
-  void routeIs(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr, FecId fecId) {
-    routes_[vrfName][addr] = fecId;
-    doResolve(vrfName, addr);
-  }
-  void routeDel(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) {
-    routes_[vrfName].erase(addr);
-    doResolve(vrfName, addr);
-  }
-  // The FEC of the VRF's route for `addr`, 0 when it has none.
-  FecId route(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) const {
-    auto vrf = routes_.find(vrfName);
-    if (vrf == routes_.end()) return 0;
-    auto it = vrf->second.find(addr);
-    return it == vrf->second.end() ? 0 : it->second;
-  }
-
-  // Off plays a resolver that keeps a VRF's status when the registration is withdrawn.
-  void withdrawalRemovesStatusIs(bool removes) { withdrawalRemovesStatus_ = removes; }
-  // Entities the resolver holds besides the statuses: one watch per registered VRF.
-  size_t nexthopWatchCount() const { return nexthopWatch_.size(); }
-  // Tasks run so far, per kind; lets a test see that no change was coalesced.
-  size_t registrationsDone() const { return registrationsDone_; }
-  size_t withdrawalsDone() const { return withdrawalsDone_; }
-
- private:
-  using NexthopVrfConfigPtr = Core::Ptr<Routing::NexthopVrfConfig>;
-
-  // Runs inside the module's handler: only watches and queues.
-  void handleVrf(const L3::VrfName& vrfName) {
-    auto values = Core::getNotifyValues<NexthopVrfConfigPtr>(nexthopConfig_.get(),
-                                                             Routing::NexthopConfig::vrfAttr);
-    if (values.oldValue) {
-      nexthopWatch_.erase(vrfName);
-      scheduler_->schedule([this, vrfName] { doWithdraw(vrfName); });
-    }
-    if (values.newValue) {
-      nexthopWatch_[vrfName] = KeyWatch<Netval::IpGenAddr>::KeyWatchIs(
-          *values.newValue, Routing::NexthopVrfConfig::nexthopAttr,
-          [this, vrfName](const Netval::IpGenAddr& addr) {
-            scheduler_->schedule([this, vrfName, addr] { doResolve(vrfName, addr); });
-          });
-      scheduler_->schedule([this, vrfName] { doRegister(vrfName); });
-    }
-  }
-
-  void doRegister(const L3::VrfName& vrfName) {
-    ++registrationsDone_;
-    Routing::NexthopVrfStatus::Ptr status = nexthopStatus_->vrfIs(vrfName);
-    NexthopVrfConfigPtr config = nexthopConfig_->vrf(vrfName);
-    if (!config) return;
-    std::vector<Netval::IpGenAddr> addrs;
-    for (const Routing::NexthopConfigEntry& entry : config->nexthop())
-      addrs.push_back(entry.nexthop());
-    for (const Netval::IpGenAddr& addr : addrs) doResolve(vrfName, addr);
-  }
-
-  void doWithdraw(const L3::VrfName& vrfName) {
-    ++withdrawalsDone_;
-    if (withdrawalRemovesStatus_) nexthopStatus_->vrfDel(vrfName);
-  }
-
-  // Level-triggered: the entry follows the current registration and route.
-  void doResolve(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) {
-    Routing::NexthopVrfStatus::Ptr status = nexthopStatus_->vrf(vrfName);
-    if (!status) return;
-    NexthopVrfConfigPtr config = nexthopConfig_->vrf(vrfName);
-    const FecId fecId = route(vrfName, addr);
-    if (config && config->nexthopHas(addr) && fecId != 0) {
-      status->nexthopIs(Routing::NexthopStatusEntry(addr, fecId));
-    } else {
-      status->nexthopDel(addr);
-    }
-  }
-
-  Routing::NexthopConfig::Ptr nexthopConfig_;
-  Routing::NexthopStatus::Ptr nexthopStatus_;
-  Hub::TaskScheduler::Ptr scheduler_;
-  std::map<L3::VrfName, std::map<Netval::IpGenAddr, FecId>> routes_;
-  bool withdrawalRemovesStatus_ = true;
-  size_t registrationsDone_ = 0;
-  size_t withdrawalsDone_ = 0;
-  std::map<L3::VrfName, KeyWatch<Netval::IpGenAddr>::Ptr> nexthopWatch_;
-  KeyWatch<L3::VrfName>::Ptr vrfWatch_;
-};
-
 using Statuses = std::map<FwdL3Unicast::NexthopNhIndexResolverKey, uint32_t>;
 using ArpEntries = std::set<Arp::ProactiveArp::ClientEntry>;
 
@@ -172,12 +36,15 @@ inline std::string perVrfTablePath(const L3::VrfName& vrfName) {
   return "forwardingGen/vrf/status/" + std::string(vrfName.c_str());
 }
 
-// The resolver's inputs (ResolverFixture) with the routing resolver above in place of the
-// fixture's reconciling stand-in, typed helpers for the host's state, and reads of the module's
-// two outputs. The root can be created, cleaned up and re-created over the same inputs.
+// The resolver's inputs (ResolverFixture) with the routing resolver stand-in following the
+// registrations (it acts after the module's handlers return, one task per change, so a
+// withdrawal followed by a new registration is not mistaken for no change), typed helpers for
+// the host's state, and reads of the module's two outputs. The root can be created, cleaned up
+// and re-created over the same inputs.
 class World : public FwdTest::ResolverFixture {
  public:
   explicit World(Memtab::Fib::FecMode fecMode = Memtab::Fib::fecModeGlobal()) {
+    resolver.followIs(scheduler);
     fecModeStatus->fecModeIs(fecMode);
   }
   World(const World&) = delete;
@@ -291,14 +158,8 @@ class World : public FwdTest::ResolverFixture {
   }
 
   // Entities that the host holds because of the module's VRF registrations: the resolver's
-  // routing status and next-hop watch per VRF.
-  size_t registrationEntities() const {
-    return nexthopStatus->vrfCount() + resolver.nexthopWatchCount();
-  }
-
-  // Hides the fixture's stand-in, which reconciles in one pass and so cannot tell a withdrawal
-  // followed by a new registration from no change at all.
-  RoutingResolver resolver{nexthopConfig, nexthopStatus, scheduler};
+  // routing status per VRF.
+  size_t registrationEntities() const { return nexthopStatus->vrfCount(); }
 
  private:
   std::map<L3::VrfName, Memtab::FibGen::ForwardingStatus::Ptr> vrfTables_;

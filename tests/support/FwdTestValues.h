@@ -1,17 +1,16 @@
 #pragma once
 
-#include <functional>
+#include <memory>
 #include <string_view>
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "framework/Core.h"
-#include "framework/CoreReactor.h"
 #include "framework/L3VrfName.h"
 #include "framework/Netval.h"
+#include "support/ChangeRecorder.h"
 
-// Short builders for the values the resolver's tests pass around, and a reactor that records
-// the keys a notifier publishes.
+// Short builders for the values the resolver's tests pass around.
 namespace FwdTest {
 
 inline Netval::IpGenAddr ip(std::string_view text) { return Netval::IpGenAddr(text); }
@@ -28,32 +27,14 @@ inline FwdL3Unicast::NexthopNhIndexResolverKey key(std::string_view vrfName,
   return FwdL3Unicast::NexthopNhIndexResolverKey(vrf(vrfName), ip(nexthop), intf(intfName));
 }
 
-// Watches one attribute of one notifier and records every key published for it, in order.
-// `onChange`, when set, runs inside the publication (after the key is recorded).
+// The old name of TestSupport::ChangeRecorder, still used by the simulator's tests; they move to
+// ChangeRecorder (and this goes) when those tests are folded in.
 template <class Key>
-class KeyRecorder : public Core::Reactor {
- public:
-  static Core::Ptr<KeyRecorder> KeyRecorderIs(const Core::Node* notifier, Core::AttrId attr) {
-    return Core::Ptr<KeyRecorder>(new KeyRecorder(notifier, attr));
+struct KeyRecorder : TestSupport::ChangeRecorder<Key> {
+  using TestSupport::ChangeRecorder<Key>::ChangeRecorder;
+  static std::unique_ptr<KeyRecorder> KeyRecorderIs(const Core::Node* notifier, Core::AttrId attr) {
+    return std::make_unique<KeyRecorder>(*notifier, attr);
   }
-
-  std::vector<Key> keys;
-  std::function<void(const Key&)> onChange;
-
- private:
-  KeyRecorder(const Core::Node* notifier, Core::AttrId attr) : slot_(this, attr, notifier) {}
-
-  void handleKey(const Key& key) {
-    keys.push_back(key);
-    if (onChange) onChange(key);
-  }
-
-  Core::Slot<KeyRecorder, Key, &KeyRecorder::handleKey> slot_;
 };
-
-template <class Key>
-Core::Ptr<KeyRecorder<Key>> recordKeys(const Core::Node* notifier, Core::AttrId attr) {
-  return KeyRecorder<Key>::KeyRecorderIs(notifier, attr);
-}
 
 }  // namespace FwdTest

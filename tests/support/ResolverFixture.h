@@ -20,96 +20,11 @@
 #include "platform/Plane.h"
 #include "platform/Routing.h"
 #include "support/FwdTestValues.h"
+#include "support/ResolverStandIn.h"
 
-// The twelve inputs of the root resolver as real platform objects, a stand-in for the host's
+// The twelve inputs of the root resolver as real platform objects, the stand-in for the host's
 // routing next-hop resolver, and short helpers that put the host's state in place.
 namespace FwdTest {
-
-// Plays the host's routing next-hop resolver. It never reacts by itself: run() (called by the
-// test after a change, or queued on the scheduler with scheduleRun()) makes NexthopStatus follow
-// NexthopConfig: one NexthopVrfStatus per registered VRF (the others are removed) and, per
-// registered address, the status entry of the route table's FEC (none when there is no route).
-// Routes of a VRF's own table win over the table shared by all VRFs.
-class TestRoutingResolver {
- public:
-  TestRoutingResolver(Routing::NexthopConfig::Ptr nexthopConfig,
-                      Routing::NexthopStatus::Ptr nexthopStatus)
-      : nexthopConfig_(std::move(nexthopConfig)), nexthopStatus_(std::move(nexthopStatus)) {}
-
-  void routeIs(const Netval::IpGenAddr& addr, Memtab::Fib::FecId fecId) { routes_[addr] = fecId; }
-  void routeDel(const Netval::IpGenAddr& addr) { routes_.erase(addr); }
-  void routeIs(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr,
-               Memtab::Fib::FecId fecId) {
-    vrfRoutes_[vrfName.str()][addr] = fecId;
-  }
-  void routeDel(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) {
-    vrfRoutes_[vrfName.str()].erase(addr);
-  }
-
-  // Brings NexthopStatus in line with NexthopConfig and the route tables. Creating a VRF status
-  // may build a pipeline that registers addresses: each VRF's registrations are read after its
-  // status exists.
-  void run() {
-    std::vector<L3::VrfName> withdrawn;
-    for (const Routing::NexthopVrfStatus::Ptr& vrfStatus : nexthopStatus_->vrf()) {
-      if (!nexthopConfig_->vrfHas(vrfStatus->vrfName())) withdrawn.push_back(vrfStatus->vrfName());
-    }
-    for (const L3::VrfName& vrfName : withdrawn) nexthopStatus_->vrfDel(vrfName);
-
-    std::vector<L3::VrfName> registered;
-    for (const Routing::NexthopVrfConfig::Ptr& vrfConfig : nexthopConfig_->vrf()) {
-      registered.push_back(vrfConfig->vrfName());
-    }
-    for (const L3::VrfName& vrfName : registered) {
-      if (!nexthopConfig_->vrfHas(vrfName)) continue;
-      const Routing::NexthopVrfStatus::Ptr vrfStatus = nexthopStatus_->vrfIs(vrfName);
-      if (const Routing::NexthopVrfConfig::Ptr vrfConfig = nexthopConfig_->vrf(vrfName)) {
-        resolve(*vrfConfig, *vrfStatus);
-      }
-    }
-  }
-
-  // Queues run() on the scheduler; the resolver must outlive the task.
-  void scheduleRun(Hub::TaskScheduler& scheduler) {
-    scheduler.schedule([this] { run(); });
-  }
-
- private:
-  const Memtab::Fib::FecId* route(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) const {
-    if (auto table = vrfRoutes_.find(vrfName.str()); table != vrfRoutes_.end()) {
-      if (auto found = table->second.find(addr); found != table->second.end()) {
-        return &found->second;
-      }
-    }
-    auto found = routes_.find(addr);
-    return found == routes_.end() ? nullptr : &found->second;
-  }
-
-  void resolve(const Routing::NexthopVrfConfig& vrfConfig, Routing::NexthopVrfStatus& vrfStatus) {
-    std::vector<Netval::IpGenAddr> unresolved;
-    for (const Routing::NexthopStatusEntry& entry : vrfStatus.nexthop()) {
-      if (!vrfConfig.nexthopHas(entry.nexthop()) || !route(vrfConfig.vrfName(), entry.nexthop())) {
-        unresolved.push_back(entry.nexthop());
-      }
-    }
-    for (const Netval::IpGenAddr& addr : unresolved) vrfStatus.nexthopDel(addr);
-
-    std::vector<Netval::IpGenAddr> addrs;
-    for (const Routing::NexthopConfigEntry& entry : vrfConfig.nexthop()) {
-      addrs.push_back(entry.nexthop());
-    }
-    for (const Netval::IpGenAddr& addr : addrs) {
-      if (const Memtab::Fib::FecId* fecId = route(vrfConfig.vrfName(), addr)) {
-        vrfStatus.nexthopIs(Routing::NexthopStatusEntry(addr, *fecId));
-      }
-    }
-  }
-
-  Routing::NexthopConfig::Ptr nexthopConfig_;
-  Routing::NexthopStatus::Ptr nexthopStatus_;
-  std::map<Netval::IpGenAddr, Memtab::Fib::FecId> routes_;
-  std::map<std::string, std::map<Netval::IpGenAddr, Memtab::Fib::FecId>> vrfRoutes_;
-};
 
 // Every input of nexthopNhIndexResolverSmFactory, fresh and empty (FEC mode global), plus the
 // routing resolver stand-in. Use it as a member or as a base of a test fixture.
@@ -119,7 +34,7 @@ class ResolverFixture : public FwdL3Unicast::NexthopNhIndexResolverInputs {
 
   const FwdL3Unicast::NexthopNhIndexResolverInputs& inputs() const { return *this; }
 
-  TestRoutingResolver resolver{nexthopConfig, nexthopStatus};
+  TestSupport::ResolverStandIn resolver{nexthopConfig, nexthopStatus};
 
   // The root built by rootIs(), null before and after rootDel().
   FwdL3Unicast::NexthopNhIndexResolverSm::Ptr root;

@@ -13,6 +13,7 @@
 #include "Fwd/FwdViaNexthopMacToNhIndexSm.h"
 #include "framework/Core.h"
 #include "platform/L3Modules.h"
+#include "support/ChangeRecorder.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
 
@@ -88,7 +89,8 @@ inline std::map<std::string, uint32_t> statuses(const ViaNexthopMacToNhIndexMap&
 class StatusLog {
  public:
   explicit StatusLog(const ViaNexthopMacToNhIndexMap::Ptr& status)
-      : recorder_(recordKeys<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr)) {
+      : recorder_(TestSupport::recordChanges<NexthopIntfId>(status.get(),
+                                                            ViaNexthopMacToNhIndexMap::mapAttr)) {
     const ViaNexthopMacToNhIndexMap* map = status.get();
     recorder_->onChange = [this, map](const NexthopIntfId& key) {
       const auto values = Core::getNotifyValues<ViaNexthopMacToNhIndexMapEntry>(
@@ -108,7 +110,7 @@ class StatusLog {
   void clear() { changes_.clear(); }
 
  private:
-  Core::Ptr<KeyRecorder<NexthopIntfId>> recorder_;
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopIntfId>> recorder_;
   std::vector<std::string> changes_;
 };
 
