@@ -16,7 +16,8 @@
 
 namespace {
 
-// One input stays fast: at most this many bytes, about one step per two bytes.
+// One input stays fast: at most this many bytes, about one step per two bytes (libFuzzer is
+// given a smaller -max_len still, so that most runs are short).
 constexpr size_t kMaxBytes = 4096;
 
 [[noreturn]] void modelFailed(const std::string& log, const std::string& failure) {
