@@ -251,12 +251,24 @@ class StageMap : public Core::Node {
 
 // The `requesterColl` attribute of the stage 2 and stage 3 request records: the requested
 // nexthop addresses that wait on one via or one MAC. Counted, so the last-requester test is O(1).
+//
+// Handlers run inside the publications they cause, so a loop that writes one status per
+// requester can be re-entered: a nested handler may change the record's state and rewrite every
+// requester, or add and remove requesters (an insert may reorder the loop under way).
+// statusGeneration counts both: it moves on with every change of the set and every StatusPass
+// started, and whoever changes the state a pass writes from moves it on too.
 class RequesterSet : public Core::Node {
  public:
   static constexpr Core::AttrId requesterCollAttr = 1;
 
-  bool requesterCollIs(const Netval::IpGenAddr& nexthop) { return requesterColl_.set(nexthop); }
-  bool requesterCollDel(const Netval::IpGenAddr& nexthop) { return requesterColl_.del(nexthop); }
+  bool requesterCollIs(const Netval::IpGenAddr& nexthop) {
+    statusGenerationIs(statusGeneration_ + 1);
+    return requesterColl_.set(nexthop);
+  }
+  bool requesterCollDel(const Netval::IpGenAddr& nexthop) {
+    statusGenerationIs(statusGeneration_ + 1);
+    return requesterColl_.del(nexthop);
+  }
   void requesterCollDelAll() { requesterColl_.delAll(); }
   bool requesterCollHas(const Netval::IpGenAddr& nexthop) const {
     return requesterColl_.has(nexthop);
@@ -264,11 +276,61 @@ class RequesterSet : public Core::Node {
   size_t requesterCollCount() const { return requesterColl_.size(); }
   const Core::KeySet<Netval::IpGenAddr>& requesterColl() const { return requesterColl_; }
 
+  uint64_t statusGeneration() const { return statusGeneration_; }
+  void statusGenerationIs(uint64_t statusGeneration) { statusGeneration_ = statusGeneration; }
+
+  // A walk over the requesters that writes one status each, written as
+  //   for (RequesterSet::StatusPass pass(*set); pass.next();) write(pass.nexthop());
+  // When a handler that a write triggers moves statusGeneration on, the walk starts over with
+  // again() true, until a pass finishes undisturbed: the last writes then reflect the set and the
+  // state as they are. A write must read the state it writes from afresh when again() is true.
+  class StatusPass {
+   public:
+    explicit StatusPass(RequesterSet& set) : set_(set) { start(); }
+    StatusPass(const StatusPass&) = delete;
+    StatusPass& operator=(const StatusPass&) = delete;
+
+    // Moves to the next requester (the first on the first call); false once a pass is done.
+    bool next() {
+      if (!first_) {
+        if (set_.statusGeneration_ != pass_) {
+          again_ = true;
+          start();
+        } else {
+          ++it_;
+        }
+      }
+      first_ = false;
+      if (it_ == set_.requesterColl_.end()) return false;
+      nexthop_ = *it_;
+      return true;
+    }
+    // A copy: the write may remove the requester.
+    const Netval::IpGenAddr& nexthop() const { return nexthop_; }
+    bool again() const { return again_; }
+
+   private:
+    void start() {
+      set_.statusGenerationIs(set_.statusGeneration_ + 1);
+      pass_ = set_.statusGeneration_;
+      it_ = set_.requesterColl_.begin();
+      first_ = true;
+    }
+
+    RequesterSet& set_;
+    Core::KeySet<Netval::IpGenAddr>::Iterator it_;
+    Netval::IpGenAddr nexthop_;
+    uint64_t pass_ = 0;
+    bool first_ = true;
+    bool again_ = false;
+  };
+
  protected:
   RequesterSet() = default;
 
  private:
   Core::KeySet<Netval::IpGenAddr> requesterColl_{this, requesterCollAttr};
+  uint64_t statusGeneration_ = 0;
 };
 
 // The resolution requests of all VRFs. Written by other agents; the root watches `config`.

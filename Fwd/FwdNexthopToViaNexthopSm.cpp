@@ -186,16 +186,27 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
 
 void NexthopToViaNexthopSm::handleNexthopBacklog() {
   DUALLOG_TRACE(8, "vrfName: ", vrfName_);
+  // Re-entered by the removals below and by whatever their handlers queue: the walk under way
+  // takes that up, so the nested call has nothing to do.
+  if (drainingBacklog_) return;
   // Held for the walk: a handler may drop the stage's own reference.
   const Routing::NexthopBacklog::Ptr backlog = nexthopBacklog_;
   if (!backlog) return;
+  struct Draining {
+    bool& flag;
+    explicit Draining(bool& f) : flag(f) { flag = true; }
+    ~Draining() { flag = false; }
+  } draining(drainingBacklog_);
   const Routing::NexthopBacklog::BacklogColl& addrs = backlog->backlog();
-  for (auto it = addrs.begin(); it != addrs.end(); ++it) {
-    // Copied: the removal below destroys the member the iterator points at.
-    const Netval::IpGenAddr addr = *it;
-    DUALLOG_TRACE(8, "Backlog nexthopResolver addr: ", addr);
-    backlog->backlogDel(addr);
-    handleNexthopStatus(addr);
+  // An address queued during the walk may land behind it or reorder it: walk until none is left.
+  while (!addrs.empty()) {
+    for (auto it = addrs.begin(); it != addrs.end(); ++it) {
+      // Copied: the removal below destroys the member the iterator points at.
+      const Netval::IpGenAddr addr = *it;
+      DUALLOG_TRACE(8, "Backlog nexthopResolver addr: ", addr);
+      backlog->backlogDel(addr);
+      handleNexthopStatus(addr);
+    }
   }
 }
 
@@ -223,6 +234,11 @@ void NexthopToViaNexthopSm::fecCopy(Memtab::Fib::FecId fecId) {
 
 void NexthopToViaNexthopSm::reviewNexthopRequest(const Core::Ptr<NexthopRequest>& request) {
   const Netval::IpGenAddr nh = request->nexthop();
+  const uint64_t generation = request->reviewGeneration() + 1;
+  request->reviewGenerationIs(generation);
+  // Empty between reviews; a review this one runs inside may have left scratch values, which
+  // would bias the tie-break towards vias the FEC no longer has.
+  for (const IntfViaInfo::Ptr& info : request->intfViaInfo()) info->cachedViaNexthopIs(emptyAddr());
   // One look-up serves both the resolved test and the FEC id.
   const Routing::NexthopStatusEntry* entry =
       nexthopVrfStatus_ ? nexthopVrfStatus_->nexthopFind(nh) : nullptr;
@@ -255,6 +271,8 @@ void NexthopToViaNexthopSm::reviewNexthopRequest(const Core::Ptr<NexthopRequest>
       DUALLOG_TRACE(8, "No via found for nexthop ", nh, " through interface ", intfId);
     }
     reviewNexthop(nh, intfId, viaNexthop);
+    // A review started by a handler of this publication has published every interface anew.
+    if (request->reviewGeneration() != generation) return;
   }
 }
 

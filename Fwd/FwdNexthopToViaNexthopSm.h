@@ -77,6 +77,12 @@ class NexthopRequest : public Core::Node {
   // Iteration; deleting members during a loop is safe, inserting may reorder it.
   const IntfViaInfoColl& intfViaInfo() const { return intfViaInfo_; }
 
+  // Counts the reviews of this nexthop started so far. A review compares it after each
+  // publication: a review started inside one of its publications has published every interface
+  // from newer state, and the outer one stops there.
+  uint64_t reviewGeneration() const { return reviewGeneration_; }
+  void reviewGenerationIs(uint64_t reviewGeneration) { reviewGeneration_ = reviewGeneration; }
+
   // Records the interface and resets its via state (also when it was recorded already), so that
   // the next review computes its via afresh.
   void addIntfId(Netval::IntfId intfId);
@@ -91,6 +97,7 @@ class NexthopRequest : public Core::Node {
   explicit NexthopRequest(const Netval::IpGenAddr& nexthop) : nexthop_(nexthop) {}
 
   Netval::IpGenAddr nexthop_;
+  uint64_t reviewGeneration_ = 0;
   IntfViaInfoColl intfViaInfo_{this, intfViaInfoAttr};
 };
 
@@ -172,12 +179,14 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   void handleConfig(const NexthopIntfId& nexthopIntfId);
   // Drains the backlog: each address is removed before it is handled, so an address queued again
   // while it is handled is handled again. Each removal re-enters this handler through the
-  // backlog's notification; the nested drain handles the rest, the outer walk finds them gone.
+  // backlog's notification; that nested call only traces and returns, and the one drain under
+  // way takes up whatever was queued meanwhile, so the depth does not grow with the backlog.
   void handleNexthopBacklog();
   // Reviews the nexthop if it is tracked; an address without a record is consumed silently.
   void handleNexthopStatus(const Netval::IpGenAddr& addr);
   // Chooses a via per requested interface from the nexthop's current FEC and publishes it. The
-  // FEC is copied once; the cost is linear in its via count plus the requested interfaces.
+  // FEC is copied once; the cost is linear in its via count plus the requested interfaces. A
+  // review of the same nexthop started from inside a publication supersedes this one.
   void reviewNexthopRequest(const Core::Ptr<NexthopRequest>& request);
   // Publishes the via of one (nexthop, interface), or removes the entry for the empty address.
   void reviewNexthop(const Netval::IpGenAddr& nexthop, Netval::IntfId intfId,
@@ -233,6 +242,8 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // The FEC of the review under way, kept between reviews so that each copy reuses its storage.
   // Read only before the review publishes, so a nested review may overwrite it.
   Memtab::FibGen::Fec fec_;
+  // Set while handleNexthopBacklog walks the backlog.
+  bool drainingBacklog_ = false;
 
   Core::Slot<NexthopToViaNexthopSm, NexthopIntfId, &NexthopToViaNexthopSm::handleConfig>
       configSlot_{this, NexthopIntfIdColl::configAttr, config_.get()};

@@ -97,6 +97,8 @@ void IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::doCleanup() {
   if (!requesterColl_) return;
   requesterColl_->nhIndexFoundIs(false);
   requesterColl_->nhIndexIs(invalidNhIndex());
+  // A status pass of the group under way reads the group again and withdraws what it wrote.
+  requesterColl_->statusGenerationIs(requesterColl_->statusGeneration() + 1);
 }
 
 IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSm(
@@ -181,7 +183,12 @@ void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac(uint32_t nhIndex) {
   if (values.newValue) {
     const Netval::EthAddr newMac = values.newValue->value;
     DUALLOG_TRACE(8, "NhIndex ", nhIndex, " added for mac : ", newMac);
-    handleMacAdd(newMac, nhIndex);
+    // A handler that ran earlier in this publication may have changed the entry again; the
+    // change that did so reaches this machine afterwards. Only what the table still holds is
+    // matched, so a stale addition never writes an index the table has lost.
+    if (nextHopMod_->nhIndexToMacHas(nhIndex) && nextHopMod_->nhIndexToMac(nhIndex) == newMac) {
+      handleMacAdd(newMac, nhIndex);
+    }
   }
 }
 
@@ -217,7 +224,13 @@ void IntfViaNexthopMacToNhIndexSm::addStatusHelper(const RequesterColl::Ptr& req
                 " under intfId : ", intfId_);
   requester->nhIndexFoundIs(true);
   requester->nhIndexIs(nhIndex);
-  for (const Netval::IpGenAddr nexthop : requester->requesterColl()) {
+  for (RequesterColl::StatusPass pass(*requester); pass.next();) {
+    // A pass started again because a handler of a write moved the group writes what it holds now.
+    if (pass.again()) {
+      writeAgain(*requester, pass.nexthop());
+      continue;
+    }
+    const Netval::IpGenAddr& nexthop = pass.nexthop();
     DUALLOG_TRACE(8, "nhIndex for nexthop: ", nexthop, " intfId: ", intfId_, " is ", nhIndex);
     if (status_)
       status_->mapIs(ViaNexthopMacToNhIndexMapEntry(NexthopIntfId(nexthop, intfId_), nhIndex));
@@ -237,9 +250,27 @@ void IntfViaNexthopMacToNhIndexSm::delStatus(const RequesterColl::Ptr& requester
   }
   requester->nhIndexFoundIs(false);
   requester->nhIndexIs(invalidNhIndex());
-  for (const Netval::IpGenAddr nexthop : requester->requesterColl()) {
+  for (RequesterColl::StatusPass pass(*requester); pass.next();) {
+    if (pass.again()) {
+      writeAgain(*requester, pass.nexthop());
+      continue;
+    }
+    const Netval::IpGenAddr& nexthop = pass.nexthop();
     DUALLOG_TRACE(8, "No nhIndex for nexthop: ", nexthop, " intfId: ", intfId_);
     if (status_) status_->mapDel(NexthopIntfId(nexthop, intfId_));
+  }
+}
+
+void IntfViaNexthopMacToNhIndexSm::writeAgain(const RequesterColl& requester,
+                                              const Netval::IpGenAddr& nexthop) {
+  const NexthopIntfId key(nexthop, intfId_);
+  if (requester.nhIndexFound()) {
+    const uint32_t nhIndex = requester.nhIndex();
+    DUALLOG_TRACE(8, "nhIndex for nexthop: ", nexthop, " intfId: ", intfId_, " is ", nhIndex);
+    if (status_) status_->mapIs(ViaNexthopMacToNhIndexMapEntry(key, nhIndex));
+  } else {
+    DUALLOG_TRACE(8, "No nhIndex for nexthop: ", nexthop, " intfId: ", intfId_);
+    if (status_) status_->mapDel(key);
   }
 }
 

@@ -127,6 +127,10 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
                                const Core::Ptr<const NextHopMod>& nextHopMod,
                                const ViaNexthopMacToNhIndexMap::Ptr& status);
 
+  // Writes the nexthop's status from the group as it is now (its index while found, none
+  // otherwise): what a pass of addStatusHelper or delStatus writes once a handler of one of its
+  // writes has changed the group.
+  void writeAgain(const RequesterColl& requester, const Netval::IpGenAddr& nexthop);
   // Routes a group's arrival or departure in the request to requesterCollIs/requesterCollDel.
   void handleRequesterColl(const Netval::EthAddr& macAddr);
   // getNextHopMacNhIndex for the group's MAC; while the constructor starts the watchers it takes

@@ -127,8 +127,12 @@ void ViaNexthopToViaNexthopMacSm::handleDel(const NexthopToViaNexthopMapEntry& m
       allViaNexthopRequests_->viaNexthopRequest(viaKey);
   CORE_ASSERT(viaNexthopRequest);
   // Resolved or not: removing an absent entry is harmless.
+  const uint64_t generation = viaNexthopRequest->statusGeneration();
   status_->mapDel(nexthopIntfId);
+  // A handler of the removal may have run a pass over the via's requesters, this one included.
+  const bool rewritten = viaNexthopRequest->statusGeneration() != generation;
   viaNexthopRequest->delRequester(nexthopIntfId.nexthop());
+  if (rewritten) status_->mapDel(nexthopIntfId);
   const size_t remaining = viaNexthopRequest->requesterCollCount();
   DUALLOG_TRACE(8, "viaNexthop being tracked for ", remaining, " nexthops now");
   if (remaining != 0) return;
@@ -185,16 +189,24 @@ void ViaNexthopToViaNexthopMacSm::checkAndUpdateMac(const Ptr& request) {
 
 void ViaNexthopToViaNexthopMacSm::updateStatus(const Ptr& request, const Netval::EthAddr& ethAddr) {
   CORE_ASSERT(request);
-  const bool withdraw = ethAddr.isZero();
   const NexthopIntfId via = request->viaNexthopInfo();
-  for (const Netval::IpGenAddr nexthop : request->requesterColl()) {
-    const NexthopIntfId key(nexthop, via.intfId());
-    if (withdraw) {
+  // A pass started again because a nested handler changed the record (its MAC, its requesters)
+  // writes what the record stands for now rather than `ethAddr`.
+  for (RequesterSet::StatusPass pass(*request); pass.next();) {
+    const Netval::EthAddr mac = pass.again() ? publishedMac(request) : ethAddr;
+    const NexthopIntfId key(pass.nexthop(), via.intfId());
+    if (mac.isZero()) {
       status_->mapDel(key);
     } else {
-      status_->mapIs(NexthopToViaNexthopMacMapEntry(key, via.nexthop(), ethAddr));
+      status_->mapIs(NexthopToViaNexthopMacMapEntry(key, via.nexthop(), mac));
     }
   }
+}
+
+Netval::EthAddr ViaNexthopToViaNexthopMacSm::publishedMac(const Ptr& request) const {
+  const bool tracked = allViaNexthopRequests_ && allViaNexthopRequests_->viaNexthopRequest(
+                                                     request->viaNexthopInfo()) == request;
+  return tracked ? request->macAddr() : Netval::EthAddr();
 }
 
 void ViaNexthopToViaNexthopMacSm::doCleanup() {

@@ -60,7 +60,8 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   void handleNexthopInfo(const Plane::NextHopKey& key);
   // Re-decides the via's MAC from the neighbour table and republishes all its requesters.
   void checkAndUpdateMac(const Ptr& request);
-  // Writes (non-zero MAC) or withdraws (zero MAC) the output entry of every requester.
+  // Writes (non-zero MAC) or withdraws (zero MAC) the output entry of every requester. When a
+  // handler of a write changes the record, the requesters are written again from the record.
   void updateStatus(const Ptr& request, const Netval::EthAddr& ethAddr);
   // Empties the output map; proactive ARP entries are left to the platform.
   void doCleanup();
@@ -88,6 +89,8 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
                               const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
                               const Core::Ptr<NexthopToViaNexthopMacMap>& status);
 
+  // The MAC the requesters of `request` are to carry: its MAC while it is tracked, none after.
+  Netval::EthAddr publishedMac(const Ptr& request) const;
   // The neighbour entry of `key`, the default entry when there is none.
   Plane::NextHopInfo nextHopInfo(const Plane::NextHopKey& key) const;
 

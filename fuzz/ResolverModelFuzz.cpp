@@ -27,8 +27,8 @@ constexpr size_t kMaxBytes = 4096;
 
 }  // namespace
 
-// The first byte seeds the host's starting state and picks the FEC mode; the others choose the
-// operations.
+// The first byte seeds the host's starting state and picks the FEC mode and the mode of delivery
+// (plain or re-entrant); the others choose the operations.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1 || size > kMaxBytes) return -1;
   const int64_t entitiesBefore = Core::Node::liveCount();
@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string log;
     Model::Run run(setup, steps,
                    data[0] % 2 ? Memtab::Fib::fecModePerVrf() : Memtab::Fib::fecModeGlobal(),
-                   [&log](const std::string& line) { (log += line) += '\n'; });
+                   (data[0] & 2) != 0, [&log](const std::string& line) { (log += line) += '\n'; });
     while (!steps.exhausted()) {
       const std::string failure = run.step();
       if (!failure.empty()) modelFailed(log, failure);

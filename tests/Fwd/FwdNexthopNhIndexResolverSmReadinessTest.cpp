@@ -20,7 +20,8 @@ std::string rootText(const std::string& function, const std::string& message) {
 constexpr const char* kInstantiate =
     "void FwdL3Unicast::NexthopNhIndexResolverSm::checkAndInstantiateVrfSm(const L3::VrfName&)";
 
-class ReadinessTest : public ::testing::Test, public FwdTest::ResolverFixture {
+class NexthopNhIndexResolverSmReadinessTest : public ::testing::Test,
+                                              public FwdTest::ResolverFixture {
  protected:
   AllVrfNexthopNhIndexResolverSm& pipelines() { return *root->allVrfNexthopNhIndexResolverSm(); }
   VrfNexthopNhIndexResolverSm::Ptr pipeline(const char* vrfName) {
@@ -34,7 +35,7 @@ class ReadinessTest : public ::testing::Test, public FwdTest::ResolverFixture {
   }
 };
 
-TEST_F(ReadinessTest, PipelineStartsOnceVrfL3StatusArrives) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, PipelineStartsOnceVrfL3StatusArrives) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   tracked("red");
   ASSERT_TRUE(nexthopStatus->vrfHas(vrf("red")));
@@ -55,7 +56,8 @@ TEST_F(ReadinessTest, PipelineStartsOnceVrfL3StatusArrives) {
                 ": Instantiating VrfNexthopNhIndexResolverSm for vrf: red fecMode: 2");
 }
 
-TEST_F(ReadinessTest, LosingVrfL3StatusDropsPipelineAndRegainingRebuildsAllRequests) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       LosingVrfL3StatusDropsPipelineAndRegainingRebuildsAllRequests) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   resolvableIs("10.0.1.1", "Ethernet2", "10.0.1.254", 101, "00:00:00:00:00:bb", 6);
   vrfL3StatusIs("red", 1);
@@ -85,7 +87,7 @@ TEST_F(ReadinessTest, LosingVrfL3StatusDropsPipelineAndRegainingRebuildsAllReque
   EXPECT_EQ(publishedNhIndex("red", "10.0.1.1", "Ethernet2"), 6u);
 }
 
-TEST_F(ReadinessTest, LosingRoutingVrfStatusDropsPipelineUntilItReturns) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, LosingRoutingVrfStatusDropsPipelineUntilItReturns) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   vrfL3StatusIs("red", 1);
   tracked("red");
@@ -106,7 +108,7 @@ TEST_F(ReadinessTest, LosingRoutingVrfStatusDropsPipelineUntilItReturns) {
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
 }
 
-TEST_F(ReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {
   vrfL3StatusIs("red", 1);
   tracked("red");
   const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
@@ -120,7 +122,7 @@ TEST_F(ReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {
   EXPECT_EQ(pipelines().smCount(), 1u);
 }
 
-TEST_F(ReadinessTest, DefaultVrfUsesRootTableInEveryFecMode) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, DefaultVrfUsesRootTableInEveryFecMode) {
   fecModeStatus->fecModeIs(Memtab::Fib::fecModePerVrf());
   vrfL3StatusIs("default", 1);
   tracked("default");
@@ -128,14 +130,14 @@ TEST_F(ReadinessTest, DefaultVrfUsesRootTableInEveryFecMode) {
   EXPECT_EQ(pipeline("default")->forwardingGenStatus(), forwardingGenStatus);
 }
 
-TEST_F(ReadinessTest, GlobalFecModeUsesRootTableForEveryVrf) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, GlobalFecModeUsesRootTableForEveryVrf) {
   vrfL3StatusIs("red", 1);
   tracked("red");
   ASSERT_TRUE(pipeline("red"));
   EXPECT_EQ(pipeline("red")->forwardingGenStatus(), forwardingGenStatus);
 }
 
-TEST_F(ReadinessTest, PerVrfFecModeMountsTheVrfsOwnTable) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, PerVrfFecModeMountsTheVrfsOwnTable) {
   const Memtab::FibGen::ForwardingStatus::Ptr redTable =
       Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
   em->entityIs("forwardingGen/vrf/status/red", redTable);
@@ -159,7 +161,7 @@ TEST_F(ReadinessTest, PerVrfFecModeMountsTheVrfsOwnTable) {
                      ": Instantiating VrfNexthopNhIndexResolverSm for vrf: red fecMode: 1"));
 }
 
-TEST_F(ReadinessTest, FailedMountGivesPipelineWithoutTable) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, FailedMountGivesPipelineWithoutTable) {
   fecModeStatus->fecModeIs(Memtab::Fib::fecModePerVrf());
   // Something of another type at the path does not mount as a FEC table either.
   em->entityIs("forwardingGen/vrf/status/blue", Routing::NexthopBacklog::NexthopBacklogIs());
@@ -177,7 +179,7 @@ TEST_F(ReadinessTest, FailedMountGivesPipelineWithoutTable) {
   EXPECT_EQ(statusDir->statusCount(), 0u);
 }
 
-TEST_F(ReadinessTest, DestroyWithoutPipelineDoesNothingAndTracesNothing) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, DestroyWithoutPipelineDoesNothingAndTracesNothing) {
   tracked("red");
   TestSupport::TraceCapture trace("*/9");
   root->checkAndDestroyVrfSm(vrf("red"));
@@ -187,7 +189,8 @@ TEST_F(ReadinessTest, DestroyWithoutPipelineDoesNothingAndTracesNothing) {
   EXPECT_TRUE(root->allVrfNexthopNhIndexResolverConfigDir()->vrfConfigHas(vrf("red")));
 }
 
-TEST_F(ReadinessTest, InstantiateWithAPieceMissingDoesNothingAndTracesNothing) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       InstantiateWithAPieceMissingDoesNothingAndTracesNothing) {
   tracked("red");            // no L3 status
   vrfL3StatusIs("blue", 2);  // not registered, no routing status
   TestSupport::TraceCapture trace("*/9");
@@ -197,7 +200,7 @@ TEST_F(ReadinessTest, InstantiateWithAPieceMissingDoesNothingAndTracesNothing) {
   EXPECT_EQ(pipelines().smCount(), 0u);
 }
 
-TEST_F(ReadinessTest, PipelineCollectionKeepsSameInputsAndRefusesOthers) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, PipelineCollectionKeepsSameInputsAndRefusesOthers) {
   vrfL3StatusIs("red", 1);
   tracked("red");
   const VrfNexthopNhIndexResolverSm::Ptr running = pipeline("red");
@@ -227,9 +230,9 @@ TEST_F(ReadinessTest, PipelineCollectionKeepsSameInputsAndRefusesOthers) {
   EXPECT_EQ(pipeline("red"), running);
 }
 
-class ReadinessDeathTest : public ReadinessTest {};
+class NexthopNhIndexResolverSmReadinessDeathTest : public NexthopNhIndexResolverSmReadinessTest {};
 
-TEST_F(ReadinessDeathTest, ReadyVrfWithoutRequestsAborts) {
+TEST_F(NexthopNhIndexResolverSmReadinessDeathTest, ReadyVrfWithoutRequestsAborts) {
   rootIs();
   // Registered behind the root's back: the VRF has no request collection.
   nexthopConfig->vrfIs(vrf("blue"), Routing::fecIdTypeDefault);
@@ -238,14 +241,14 @@ TEST_F(ReadinessDeathTest, ReadyVrfWithoutRequestsAborts) {
                assertionRegex("config", "FwdNexthopNhIndexResolverSm", kInstantiate));
 }
 
-TEST_F(ReadinessDeathTest, ReadyVrfWithoutStatusMapAborts) {
+TEST_F(NexthopNhIndexResolverSmReadinessDeathTest, ReadyVrfWithoutStatusMapAborts) {
   tracked("red");
   root->allVrfNexthopNhIndexResolverStatusDir()->vrfStatusDel(vrf("red"));
   EXPECT_DEATH(vrfL3StatusIs("red", 1),
                assertionRegex("status", "FwdNexthopNhIndexResolverSm", kInstantiate));
 }
 
-TEST_F(ReadinessDeathTest, UnknownFecModeAbortsForNonDefaultVrf) {
+TEST_F(NexthopNhIndexResolverSmReadinessDeathTest, UnknownFecModeAbortsForNonDefaultVrf) {
   fecModeStatus->fecModeIs(3);
   tracked("red");
   EXPECT_DEATH(vrfL3StatusIs("red", 1),
@@ -253,7 +256,7 @@ TEST_F(ReadinessDeathTest, UnknownFecModeAbortsForNonDefaultVrf) {
                               "FwdNexthopNhIndexResolverSm", kInstantiate));
 }
 
-TEST_F(ReadinessTest, UnknownFecModeIsFineForDefaultVrf) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest, UnknownFecModeIsFineForDefaultVrf) {
   fecModeStatus->fecModeIs(3);
   tracked("default");
   vrfL3StatusIs("default", 1);

@@ -23,7 +23,7 @@ constexpr const char* kFanOut =
 constexpr const char* kPipelineNeighbour =
     "void FwdL3Unicast::VrfNexthopNhIndexResolverSm::handleNexthopInfo(const Plane::NextHopKey&): ";
 
-class StatusPublicationTest : public ::testing::Test, public FwdTest::ResolverFixture {
+class NexthopNhIndexResolverSmStatusTest : public ::testing::Test, public FwdTest::ResolverFixture {
  protected:
   // A tracked VRF without pipeline: only the test writes its result map.
   ViaNexthopMacToNhIndexMap::Ptr trackedMap(const char* vrfName) {
@@ -37,7 +37,7 @@ class StatusPublicationTest : public ::testing::Test, public FwdTest::ResolverFi
   }
 };
 
-TEST_F(StatusPublicationTest, ChangedIndexLeavesOneStatusAndNotifiesOnce) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, ChangedIndexLeavesOneStatusAndNotifiesOnce) {
   const ViaNexthopMacToNhIndexMap::Ptr map = trackedMap("red");
   map->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 5));
   ASSERT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
@@ -50,7 +50,7 @@ TEST_F(StatusPublicationTest, ChangedIndexLeavesOneStatusAndNotifiesOnce) {
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 7u);
 }
 
-TEST_F(StatusPublicationTest, SameIndexAgainNotifiesNothing) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, SameIndexAgainNotifiesNothing) {
   const ViaNexthopMacToNhIndexMap::Ptr map = trackedMap("red");
   map->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 5));
   auto statuses = recordStatuses();
@@ -62,7 +62,7 @@ TEST_F(StatusPublicationTest, SameIndexAgainNotifiesNothing) {
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
 }
 
-TEST_F(StatusPublicationTest, PublishAndDeleteTracesAreExact) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, PublishAndDeleteTracesAreExact) {
   const ViaNexthopMacToNhIndexMap::Ptr map = trackedMap("red");
   TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
   map->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 5));
@@ -78,7 +78,7 @@ TEST_F(StatusPublicationTest, PublishAndDeleteTracesAreExact) {
   EXPECT_FALSE(statusDir->statusHas(key("red", "10.0.0.1", "Ethernet1")));
 }
 
-TEST_F(StatusPublicationTest, DeletedEntryDeletesItsStatusOnly) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, DeletedEntryDeletesItsStatusOnly) {
   const ViaNexthopMacToNhIndexMap::Ptr red = trackedMap("red");
   const ViaNexthopMacToNhIndexMap::Ptr blue = trackedMap("blue");
   red->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 5));
@@ -95,7 +95,7 @@ TEST_F(StatusPublicationTest, DeletedEntryDeletesItsStatusOnly) {
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.2", "Ethernet1"), 6u);
 }
 
-TEST_F(StatusPublicationTest, DeletingNeverPublishedEntryTracesAndNotifiesNothing) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, DeletingNeverPublishedEntryTracesAndNotifiesNothing) {
   const ViaNexthopMacToNhIndexMap::Ptr map = trackedMap("red");
   // Written while the reactor is switched off: never published.
   root->vrfStatus(vrf("red"))->hasNotificationActiveIs(false);
@@ -111,7 +111,8 @@ TEST_F(StatusPublicationTest, DeletingNeverPublishedEntryTracesAndNotifiesNothin
   EXPECT_TRUE(statuses->keys.empty());
 }
 
-TEST_F(StatusPublicationTest, ResultsOfConstructionArePublishedOnceThePipelineIsRebuilt) {
+TEST_F(NexthopNhIndexResolverSmStatusTest,
+       ResultsOfConstructionArePublishedOnceThePipelineIsRebuilt) {
   // Everything is ready before the root exists: its first pipeline resolves the request while
   // the root is being built, before the status reactors exist.
   vrfL3StatusIs("red", 1);
@@ -133,7 +134,7 @@ TEST_F(StatusPublicationTest, ResultsOfConstructionArePublishedOnceThePipelineIs
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
 }
 
-TEST_F(StatusPublicationTest, StatusReactorFollowsTheMapItIsGiven) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, StatusReactorFollowsTheMapItIsGiven) {
   const ViaNexthopMacToNhIndexMap::Ptr map = trackedMap("red");
   const auto nested = root->vrfStatus(vrf("red"));
   root->vrfStatusIs(map);
@@ -154,7 +155,7 @@ TEST_F(StatusPublicationTest, StatusReactorFollowsTheMapItIsGiven) {
                Core::NullArgumentError);
 }
 
-TEST_F(StatusPublicationTest, RequestResolvesEndToEndAndUnwinds) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, RequestResolvesEndToEndAndUnwinds) {
   vrfL3StatusIs("red", 1);
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   rootIs();
@@ -171,7 +172,7 @@ TEST_F(StatusPublicationTest, RequestResolvesEndToEndAndUnwinds) {
   EXPECT_FALSE(nexthopStatus->vrfHas(vrf("red")));
 }
 
-TEST_F(StatusPublicationTest, NeighbourChangeReachesEveryPipeline) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, NeighbourChangeReachesEveryPipeline) {
   vrfL3StatusIs("red", 1);
   vrfL3StatusIs("blue", 2);
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
@@ -191,7 +192,7 @@ TEST_F(StatusPublicationTest, NeighbourChangeReachesEveryPipeline) {
   EXPECT_EQ(statusDir->statusCount(), 2u);
 }
 
-TEST_F(StatusPublicationTest, NeighbourChangeWithoutPipelinesOnlyTraces) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, NeighbourChangeWithoutPipelinesOnlyTraces) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));  // tracked, not ready
   TestSupport::TraceCapture trace("*/8");
@@ -202,7 +203,7 @@ TEST_F(StatusPublicationTest, NeighbourChangeWithoutPipelinesOnlyTraces) {
   EXPECT_EQ(trace.count("mac address : 00:00:00:00:00:00"), 1u);
 }
 
-TEST_F(StatusPublicationTest, NeighbourLearntLaterCompletesTheResolution) {
+TEST_F(NexthopNhIndexResolverSmStatusTest, NeighbourLearntLaterCompletesTheResolution) {
   vrfL3StatusIs("red", 1);
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   neighbourDel("Ethernet1", "10.0.0.254");

@@ -44,7 +44,7 @@ int lineOf(const TestSupport::TraceCapture& trace, const std::string& text) {
   return -1;
 }
 
-class RootTest : public ::testing::Test, public FwdTest::ResolverFixture {
+class NexthopNhIndexResolverSmTest : public ::testing::Test, public FwdTest::ResolverFixture {
  protected:
   AllVrfNexthopNhIndexResolverConfigDir& vrfConfigs() {
     return *root->allVrfNexthopNhIndexResolverConfigDir();
@@ -55,7 +55,7 @@ class RootTest : public ::testing::Test, public FwdTest::ResolverFixture {
   AllVrfNexthopNhIndexResolverSm& pipelines() { return *root->allVrfNexthopNhIndexResolverSm(); }
 };
 
-TEST_F(RootTest, RequestForUnreadyVrfIsStoredRegisteredAndNotPublished) {
+TEST_F(NexthopNhIndexResolverSmTest, RequestForUnreadyVrfIsStoredRegisteredAndNotPublished) {
   rootIs();
   auto published = recordChanges<NexthopNhIndexResolverKey>(
       statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
@@ -77,7 +77,7 @@ TEST_F(RootTest, RequestForUnreadyVrfIsStoredRegisteredAndNotPublished) {
   EXPECT_EQ(statusDir->statusCount(), 0u);
 }
 
-TEST_F(RootTest, RequestTracesAreExact) {
+TEST_F(NexthopNhIndexResolverSmTest, RequestTracesAreExact) {
   rootIs();
   TestSupport::TraceCapture trace("FwdNexthopNhIndexResolverSm/8");
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
@@ -93,7 +93,8 @@ TEST_F(RootTest, RequestTracesAreExact) {
   for (const auto& line : trace.lines()) EXPECT_EQ(line.level, 8u);
 }
 
-TEST_F(RootTest, DeletingOnlyRequestUnwindsVrfInOrderAndLaterRequestStartsAfresh) {
+TEST_F(NexthopNhIndexResolverSmTest,
+       DeletingOnlyRequestUnwindsVrfInOrderAndLaterRequestStartsAfresh) {
   vrfL3StatusIs("red", 1);
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
@@ -140,7 +141,7 @@ TEST_F(RootTest, DeletingOnlyRequestUnwindsVrfInOrderAndLaterRequestStartsAfresh
   EXPECT_TRUE(vrfMaps().vrfStatusHas(vrf("red")));
 }
 
-TEST_F(RootTest, SecondRequestOfVrfJoinsItsCollectionWithoutNewRegistration) {
+TEST_F(NexthopNhIndexResolverSmTest, SecondRequestOfVrfJoinsItsCollectionWithoutNewRegistration) {
   rootIs();
   auto registrations =
       recordChanges<L3::VrfName>(nexthopConfig.get(), Routing::NexthopConfig::vrfAttr);
@@ -162,7 +163,7 @@ TEST_F(RootTest, SecondRequestOfVrfJoinsItsCollectionWithoutNewRegistration) {
   EXPECT_EQ(requests->configCount(), 1u);
 }
 
-TEST_F(RootTest, ConstructionClearsExistingStatusesBeforeAnythingElse) {
+TEST_F(NexthopNhIndexResolverSmTest, ConstructionClearsExistingStatusesBeforeAnythingElse) {
   statusDir->statusIs(NexthopNhIndexResolverStatus(key("red", "10.0.0.1", "Ethernet1"), 5));
   nexthopConfig->vrfIs(vrf("stale"), Routing::fecIdTypeDefault);
   Plane::ProactiveArpNexthopSm::ProactiveArpNexthopSmIs(proactiveArpNexthop)
@@ -190,7 +191,7 @@ TEST_F(RootTest, ConstructionClearsExistingStatusesBeforeAnythingElse) {
   EXPECT_EQ(root->proactiveArpNexthopSm()->clientConfig(), proactiveArpNexthop);
 }
 
-TEST_F(RootTest, ConstructionReplaysEveryRequestWithItsTraces) {
+TEST_F(NexthopNhIndexResolverSmTest, ConstructionReplaysEveryRequestWithItsTraces) {
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   configDir->configIs(key("blue", "10.0.0.1", "Ethernet1"));
   configDir->configIs(key("blue", "10.0.0.2", "Ethernet2"));
@@ -210,7 +211,7 @@ TEST_F(RootTest, ConstructionReplaysEveryRequestWithItsTraces) {
   EXPECT_EQ(root->vrfStatusCount(), 2u);
 }
 
-TEST_F(RootTest, DoCleanupDropsPipelinesMapsRequestsRegistrationsAndStatuses) {
+TEST_F(NexthopNhIndexResolverSmTest, DoCleanupDropsPipelinesMapsRequestsRegistrationsAndStatuses) {
   vrfL3StatusIs("red", 1);
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   rootIs();
@@ -235,7 +236,7 @@ TEST_F(RootTest, DoCleanupDropsPipelinesMapsRequestsRegistrationsAndStatuses) {
   EXPECT_EQ(statusDir->statusCount(), 0u);
 }
 
-TEST_F(RootTest, SwitchingNotificationsOffReachesStatusReactors) {
+TEST_F(NexthopNhIndexResolverSmTest, SwitchingNotificationsOffReachesStatusReactors) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   root->hasNotificationActiveIs(false);
@@ -247,7 +248,7 @@ TEST_F(RootTest, SwitchingNotificationsOffReachesStatusReactors) {
   EXPECT_TRUE(root->vrfStatus(vrf("red"))->hasNotificationActive());
 }
 
-TEST_F(RootTest, DumpShowsRequestsStatusPointerAndCounts) {
+TEST_F(NexthopNhIndexResolverSmTest, DumpShowsRequestsStatusPointerAndCounts) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   EXPECT_EQ(dump(*root, 0),
@@ -272,7 +273,7 @@ TEST_F(RootTest, DumpShowsRequestsStatusPointerAndCounts) {
             "    allVrfNexthopNhIndexResolverSm: #0\n");
 }
 
-TEST_F(RootTest, DumpShowsEachPipelineAsOwnedChild) {
+TEST_F(NexthopNhIndexResolverSmTest, DumpShowsEachPipelineAsOwnedChild) {
   vrfL3StatusIs("red", 1);
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
@@ -296,7 +297,7 @@ TEST_F(RootTest, DumpShowsEachPipelineAsOwnedChild) {
                 pipelineCtx.text());
 }
 
-TEST_F(RootTest, TeardownLeavesNoEntityOfTheModuleAlive) {
+TEST_F(NexthopNhIndexResolverSmTest, TeardownLeavesNoEntityOfTheModuleAlive) {
   vrfL3StatusIs("red", 1);
   vrfL3StatusIs("blue", 2);
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
@@ -351,43 +352,43 @@ TEST(AllVrfNexthopNhIndexResolverStatusDir, MapsAreStoredUnderTheirVrfName) {
 }
 
 // Assertions. Each runs in a child process.
-class RootDeathTest : public RootTest {};
+class NexthopNhIndexResolverSmDeathTest : public NexthopNhIndexResolverSmTest {};
 
-TEST_F(RootDeathTest, NonIpv4NexthopAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, NonIpv4NexthopAborts) {
   rootIs();
   EXPECT_DEATH(configDir->configIs(key("red", "2001:db8::1", "Ethernet1")),
                handleConfigAssertion("( key.nexthop().af() == Netval::AddressFamily::ipv4_ ) && ( "
                                      "!key.nexthop().isAddrZero() )"));
 }
 
-TEST_F(RootDeathTest, ZeroNexthopAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, ZeroNexthopAborts) {
   rootIs();
   EXPECT_DEATH(configDir->configIs(key("red", "0.0.0.0", "Ethernet1")),
                handleConfigAssertion("( key.nexthop().af() == Netval::AddressFamily::ipv4_ ) && ( "
                                      "!key.nexthop().isAddrZero() )"));
 }
 
-TEST_F(RootDeathTest, DuplicateRequestAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, DuplicateRequestAborts) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   EXPECT_DEATH(root->handleConfig(key("red", "10.0.0.1", "Ethernet1")),
                handleConfigAssertion("!vrfConfig->configHas( nexthopIntfId )"));
 }
 
-TEST_F(RootDeathTest, DeletionForUnknownVrfAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, DeletionForUnknownVrfAborts) {
   rootIs();
   EXPECT_DEATH(root->handleConfig(key("red", "10.0.0.1", "Ethernet1")),
                handleConfigAssertion("vrfConfig"));
 }
 
-TEST_F(RootDeathTest, DeletionOfUnknownRequestOfTrackedVrfAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, DeletionOfUnknownRequestOfTrackedVrfAborts) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   EXPECT_DEATH(root->handleConfig(key("red", "10.0.0.2", "Ethernet1")),
                handleConfigAssertion("vrfConfig->configHas( nexthopIntfId )"));
 }
 
-TEST_F(RootDeathTest, FirstRequestOfVrfWithStatusMapAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, FirstRequestOfVrfWithStatusMapAborts) {
   rootIs();
   vrfMaps().vrfStatusIs(viaNexthopMacToNhIndexMapFactory(vrf("red")));
   EXPECT_DEATH(configDir->configIs(key("red", "10.0.0.1", "Ethernet1")),
@@ -395,7 +396,7 @@ TEST_F(RootDeathTest, FirstRequestOfVrfWithStatusMapAborts) {
                                      "key.vrfName() )"));
 }
 
-TEST_F(RootDeathTest, FirstRequestOfRegisteredVrfAborts) {
+TEST_F(NexthopNhIndexResolverSmDeathTest, FirstRequestOfRegisteredVrfAborts) {
   rootIs();
   nexthopConfig->vrfIs(vrf("red"), Routing::fecIdTypeDefault);
   EXPECT_DEATH(configDir->configIs(key("red", "10.0.0.1", "Ethernet1")),

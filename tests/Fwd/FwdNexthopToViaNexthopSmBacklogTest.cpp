@@ -69,6 +69,41 @@ TEST(NexthopToViaNexthopSm, DrainingABacklogOfNAddressesHandlesEachExactlyOnce) 
   EXPECT_EQ(countOf(texts, kBacklog + "vrfName: red"), static_cast<size_t>(kCount + 1));
 }
 
+TEST(NexthopToViaNexthopSm, DrainReviewsEachAddressBeforeTakingTheNext) {
+  Stage1 s;
+  constexpr int kCount = 12;
+  NexthopToViaNexthopSm& sm = s.start();
+  // Queued while the stage is off, as the FIB monitor would.
+  sm.hasNotificationActiveIs(false);
+  for (int i = 1; i <= kCount; ++i) {
+    const std::string nexthop = "10.0.0." + std::to_string(i);
+    s.request(nexthop, "Ethernet1");
+    sm.handleConfig(nhIntf(nexthop, "Ethernet1"));
+    sm.nexthopBacklog()->backlogIs(ip(nexthop));
+  }
+  sm.hasNotificationActiveIs(true);
+  ASSERT_EQ(sm.nexthopBacklog()->backlogCount(), static_cast<size_t>(kCount));
+
+  TestSupport::TraceCapture capture;
+  sm.handleNexthopBacklog();
+
+  // Each address taken from the backlog is reviewed before the next one is taken: the drain is
+  // one loop, not one nested drain per removed address.
+  const std::string taken = kBacklog + "Backlog nexthopResolver addr: ";
+  const std::string reviewed = kStatus + "Proceeding to reviewNexthopRequest for nexthop ";
+  std::vector<std::string> order;
+  for (const std::string& text : stageTexts(capture)) {
+    if (text.starts_with(taken)) order.push_back("take " + text.substr(taken.size()));
+    if (text.starts_with(reviewed)) order.push_back("review " + text.substr(reviewed.size()));
+  }
+  ASSERT_EQ(order.size(), static_cast<size_t>(2 * kCount));
+  for (size_t i = 0; i < order.size(); i += 2) {
+    ASSERT_TRUE(order[i].starts_with("take ")) << order[i];
+    EXPECT_EQ(order[i + 1], "review " + order[i].substr(5));
+  }
+  EXPECT_EQ(sm.nexthopBacklog()->backlogCount(), 0u);
+}
+
 TEST(NexthopToViaNexthopSm, AddressQueuedWhileHandledIsHandledAgain) {
   Stage1 s;
   s.fec(7, {{"Ethernet1", "10.1.1.1"}});

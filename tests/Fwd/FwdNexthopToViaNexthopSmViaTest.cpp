@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -288,6 +289,73 @@ TEST(NexthopToViaNexthopSm, ViaCountOrIndexBeyondTheArrayRaisesTheRangeError) {
   }
   // The table never took the oversized FEC: the published via is the old one.
   EXPECT_EQ(s.via("10.0.0.1", "Ethernet1"), ip("10.1.1.1"));
+}
+
+// ---- Reviews nested inside a publication ----
+
+// A client of the stage's map that, on the first change it sees, changes the host once more from
+// inside the notification.
+struct NestedChange {
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopIntfId>> client;
+  bool done = false;
+
+  NestedChange(Stage1& s, std::function<void()> change)
+      : client(TestSupport::recordChanges<NexthopIntfId>(s.status.get(),
+                                                         NexthopToViaNexthopMap::mapAttr)) {
+    client->onChange = [this, change = std::move(change)](const NexthopIntfId&) {
+      if (done) return;
+      done = true;
+      change();
+    };
+  }
+  NestedChange(const NestedChange&) = delete;
+  NestedChange& operator=(const NestedChange&) = delete;
+};
+
+TEST(NexthopToViaNexthopSm, NestedViaReviewKeepsOtherInterfacesVia) {
+  Stage1 s;
+  s.fec(7, {{"Ethernet1", "10.1.1.1"}, {"Ethernet2", "10.2.2.1"}, {"Ethernet3", "10.3.3.1"}});
+  s.resolve("10.0.0.1", 7);
+  s.start();
+  for (const char* intfName : {"Ethernet1", "Ethernet2", "Ethernet3"}) {
+    s.request("10.0.0.1", intfName);
+  }
+  // The FEC moves on again while the review of its first change is publishing.
+  NestedChange nested(s, [&s] {
+    s.fec(7, {{"Ethernet1", "10.1.1.3"}, {"Ethernet2", "10.2.2.2"}, {"Ethernet3", "10.3.3.2"}});
+  });
+
+  s.fec(7, {{"Ethernet1", "10.1.1.2"}, {"Ethernet2", "10.2.2.2"}, {"Ethernet3", "10.3.3.2"}});
+
+  ASSERT_TRUE(nested.done);
+  ASSERT_TRUE(s.hasVia("10.0.0.1", "Ethernet1"));
+  ASSERT_TRUE(s.hasVia("10.0.0.1", "Ethernet2"));
+  ASSERT_TRUE(s.hasVia("10.0.0.1", "Ethernet3"));
+  EXPECT_EQ(s.via("10.0.0.1", "Ethernet1"), ip("10.1.1.3"));
+  EXPECT_EQ(s.via("10.0.0.1", "Ethernet2"), ip("10.2.2.2"));
+  EXPECT_EQ(s.via("10.0.0.1", "Ethernet3"), ip("10.3.3.2"));
+}
+
+TEST(NexthopToViaNexthopSm, InterfaceRequestedFromInsideAReviewKeepsOtherInterfacesVia) {
+  Stage1 s;
+  s.fec(7, {{"Ethernet1", "10.1.1.1"}, {"Ethernet2", "10.2.2.1"}, {"Ethernet3", "10.3.3.1"}});
+  s.resolve("10.0.0.1", 7);
+  s.start();
+  s.request("10.0.0.1", "Ethernet1");
+  s.request("10.0.0.1", "Ethernet2");
+  // A client that asks for the same nexthop on one more interface once it sees a via move: the
+  // new interface's review runs inside the review that is publishing.
+  NestedChange nested(s, [&s] { s.request("10.0.0.1", "Ethernet3"); });
+
+  s.fec(7, {{"Ethernet1", "10.1.1.2"}, {"Ethernet2", "10.2.2.2"}, {"Ethernet3", "10.3.3.1"}});
+
+  ASSERT_TRUE(nested.done);
+  ASSERT_TRUE(s.hasVia("10.0.0.1", "Ethernet1"));
+  ASSERT_TRUE(s.hasVia("10.0.0.1", "Ethernet2"));
+  ASSERT_TRUE(s.hasVia("10.0.0.1", "Ethernet3"));
+  EXPECT_EQ(s.via("10.0.0.1", "Ethernet1"), ip("10.1.1.2"));
+  EXPECT_EQ(s.via("10.0.0.1", "Ethernet2"), ip("10.2.2.2"));
+  EXPECT_EQ(s.via("10.0.0.1", "Ethernet3"), ip("10.3.3.1"));
 }
 
 }  // namespace

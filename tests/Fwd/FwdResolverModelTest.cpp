@@ -19,7 +19,8 @@
 #include "support/ResolverModel.h"
 
 // Randomized model-based test of the whole resolver (support/ResolverModel.h): random host
-// changes, with the oracle checking the statuses and the proactive ARP entries after every step.
+// changes, with the oracle checking the statuses and the proactive ARP entries after every step,
+// plainly and in the re-entrant mode.
 //
 //   FWD_MODEL_SEEDS=N  number of seeds (1..N), default 3
 //   FWD_MODEL_STEPS=N  steps per seed, default 3000
@@ -94,10 +95,10 @@ extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__
 
 // One seed's run (the seed also picks the FEC mode); returns the first failure, empty when every
 // step held.
-std::string runSeed(uint64_t seed, size_t steps) {
+std::string runSeed(uint64_t seed, size_t steps, bool reentrant) {
   Model::Rng rng(seed);
   Model::Run run(rng, rng, seed % 2 ? Memtab::Fib::fecModePerVrf() : Memtab::Fib::fecModeGlobal(),
-                 [](const std::string& line) { context.log(line); });
+                 reentrant, [](const std::string& line) { context.log(line); });
   for (size_t i = 1; i <= steps; ++i) {
     context.step = i;
     std::string failure;
@@ -125,7 +126,8 @@ std::optional<uint64_t> envCount(const char* name) {
   return out;
 }
 
-TEST(ResolverModel, RandomHostChangesKeepStatusesAndProactiveArpConsistent) {
+// Runs every seed the environment asks for; FAILs with the seed, the step and the log tail.
+void runSeeds(bool reentrant) {
   std::vector<uint64_t> seeds;
   size_t steps = kDefaultSteps;
   try {
@@ -146,13 +148,20 @@ TEST(ResolverModel, RandomHostChangesKeepStatusesAndProactiveArpConsistent) {
   for (uint64_t seed : seeds) {
     context = FailureContext();
     context.seed = seed;
-    const std::string failure = runSeed(seed, steps);
-    ASSERT_TRUE(failure.empty()) << "seed " << seed << " step " << context.step
-                                 << " (replay: " << context.replay() << ")\n"
+    const std::string failure = runSeed(seed, steps, reentrant);
+    ASSERT_TRUE(failure.empty()) << (reentrant ? "re-entrant run, " : "") << "seed " << seed
+                                 << " step " << context.step << " (replay: " << context.replay()
+                                 << ")\n"
                                  << failure << "operation log tail:\n"
                                  << context.tailText();
   }
   std::signal(SIGABRT, SIG_DFL);
+}
+
+TEST(ResolverModel, RandomHostChangesKeepStatusesAndProactiveArpConsistent) { runSeeds(false); }
+
+TEST(ResolverModel, ChangesMadeFromInsideModuleNotificationsKeepStatusesAndArpConsistent) {
+  runSeeds(true);
 }
 
 }  // namespace

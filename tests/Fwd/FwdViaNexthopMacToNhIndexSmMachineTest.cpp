@@ -18,7 +18,7 @@ using namespace FwdTest::Stage3;
 
 // Assertions of the per-interface machine
 
-class IntfMachineTest : public Stage3Test {
+class IntfViaNexthopMacToNhIndexSmTest : public ViaNexthopMacToNhIndexSmTest {
  protected:
   // A machine on its own, built from a request record and module prepared by the test.
   void SetUp() override {
@@ -31,7 +31,7 @@ class IntfMachineTest : public Stage3Test {
     machine_ = nullptr;
     request_ = nullptr;
     module_ = nullptr;
-    Stage3Test::TearDown();
+    ViaNexthopMacToNhIndexSmTest::TearDown();
   }
   IntfViaNexthopMacToNhIndexSm::Ptr build(const Core::Ptr<const NextHopMod>& module,
                                           const ViaNexthopMacToNhIndexMap::Ptr& map) {
@@ -45,41 +45,41 @@ class IntfMachineTest : public Stage3Test {
   IntfViaNexthopMacToNhIndexSm::Ptr machine_;
 };
 
-using IntfMachineDeathTest = IntfMachineTest;
+using IntfViaNexthopMacToNhIndexSmDeathTest = IntfViaNexthopMacToNhIndexSmTest;
 
-TEST_F(IntfMachineDeathTest, MachineWithoutRequestAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, MachineWithoutRequestAsserts) {
   EXPECT_DEATH(IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSmIs(
                    intf("Ethernet1"), nullptr, module_, status),
                assertionFailure("intfViaNexthopMacToNhIndexRequest()"));
 }
 
-TEST_F(IntfMachineDeathTest, NullGroupAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, NullGroupAsserts) {
   build(module_, status);
   EXPECT_DEATH(machine_->addStatus(nullptr, 5), assertionFailure("requester"));
   EXPECT_DEATH(machine_->addStatusHelper(nullptr, 5), assertionFailure("requester"));
   EXPECT_DEATH(machine_->delStatus(nullptr, 5), assertionFailure("requester"));
 }
 
-TEST_F(IntfMachineDeathTest, PublishingInvalidIndexAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, PublishingInvalidIndexAsserts) {
   build(module_, status);
   EXPECT_DEATH(machine_->addStatusHelper(RequesterColl::RequesterCollIs(mac(kMacA)), kInvalid),
                assertionFailure("NexthopNhIndexResolverConstants::invalidNhIndex() != nhIndex"));
 }
 
-TEST_F(IntfMachineDeathTest, LosingIndexOfUnfoundGroupAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, LosingIndexOfUnfoundGroupAsserts) {
   build(module_, status);
   EXPECT_DEATH(machine_->delStatus(RequesterColl::RequesterCollIs(mac(kMacA)), kInvalid),
                assertionFailure("requester->nhIndexFound()"));
 }
 
-TEST_F(IntfMachineDeathTest, TableChangeWithoutModuleAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, TableChangeWithoutModuleAsserts) {
   request_->addRequester(mac(kMacA), ip("10.0.0.1"));
   build(nullptr, status);
   EXPECT_DEATH(machine_->handleMacAdd(mac(kMacA), 5), assertionFailure("nextHopMod()"));
   EXPECT_DEATH(machine_->handleMacDel(mac(kMacA), 5), assertionFailure("nextHopMod()"));
 }
 
-TEST_F(IntfMachineDeathTest, WatcherWithoutGroupOrMachineAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, WatcherWithoutGroupOrMachineAsserts) {
   build(module_, status);
   using Nested = IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl;
   EXPECT_DEATH(Nested::NestedSm_RequesterCollIs(nullptr, machine_.get()),
@@ -89,7 +89,7 @@ TEST_F(IntfMachineDeathTest, WatcherWithoutGroupOrMachineAsserts) {
       assertionFailure("intfViaNexthopMacToNhIndexSm()"));
 }
 
-TEST_F(IntfMachineDeathTest, WatcherEventWithoutGroupAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, WatcherEventWithoutGroupAsserts) {
   build(module_, status);
   auto nested = IntfViaNexthopMacToNhIndexSm::NestedSm_RequesterColl::NestedSm_RequesterCollIs(
       RequesterColl::RequesterCollIs(mac(kMacA)), machine_.get());
@@ -97,7 +97,7 @@ TEST_F(IntfMachineDeathTest, WatcherEventWithoutGroupAsserts) {
   EXPECT_DEATH(nested->handleRequester(ip("10.0.0.1")), assertionFailure("requesterColl()"));
 }
 
-TEST_F(IntfMachineDeathTest, FoundGroupWithoutStatusMapAsserts) {
+TEST_F(IntfViaNexthopMacToNhIndexSmDeathTest, FoundGroupWithoutStatusMapAsserts) {
   module_->nhIndexToMacIs(5, mac(kMacA));
   build(module_, nullptr);
   // The new group is found while still empty; its first nexthop needs the status map.
@@ -107,7 +107,7 @@ TEST_F(IntfMachineDeathTest, FoundGroupWithoutStatusMapAsserts) {
 
 // The per-interface machine on its own
 
-TEST_F(IntfMachineTest, MachineKeepsArgumentsAndCleansOnlyItsInterface) {
+TEST_F(IntfViaNexthopMacToNhIndexSmTest, MachineKeepsArgumentsAndCleansOnlyItsInterface) {
   module_->nhIndexToMacIs(5, mac(kMacA));
   request_->addRequester(mac(kMacA), ip("10.0.0.1"));
   status->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet2"), 3));
@@ -126,7 +126,7 @@ TEST_F(IntfMachineTest, MachineKeepsArgumentsAndCleansOnlyItsInterface) {
   EXPECT_FALSE(request_->requesterColl(mac(kMacA))->nhIndexFound());
 }
 
-TEST_F(IntfMachineTest, GroupLeftFoundIsRewrittenWithSearchResultAtStart) {
+TEST_F(IntfViaNexthopMacToNhIndexSmTest, GroupLeftFoundIsRewrittenWithSearchResultAtStart) {
   module_->nhIndexToMacIs(5, mac(kMacA));
   request_->addRequester(mac(kMacA), ip("10.0.0.1"));
   RequesterColl::Ptr stale = request_->requesterColl(mac(kMacA));
@@ -142,7 +142,7 @@ TEST_F(IntfMachineTest, GroupLeftFoundIsRewrittenWithSearchResultAtStart) {
   EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}}));
 }
 
-TEST_F(IntfMachineTest, MachineStartMatchesEveryGroupWithFirstIndexOfItsMac) {
+TEST_F(IntfViaNexthopMacToNhIndexSmTest, MachineStartMatchesEveryGroupWithFirstIndexOfItsMac) {
   // 64 indexes over 16 MACs, in an order unrelated to the index values; groups for 20 MACs.
   for (uint32_t i = 0; i < 64; ++i)
     module_->nhIndexToMacIs((i * 37) % 101, Netval::EthAddr(i % 16));

@@ -26,7 +26,7 @@ using ::testing::IsEmpty;
 
 // Per-interface matching
 
-TEST_F(Stage3Test, GroupTakesFirstOfTwoIndexesWithSameMacAtStart) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, GroupTakesFirstOfTwoIndexesWithSameMacAtStart) {
   for (std::pair<uint32_t, uint32_t> order : {std::pair{5u, 9u}, std::pair{9u, 5u}}) {
     l3Modules->nextHopModDel(intf("Ethernet1"));
     sm = nullptr;
@@ -39,7 +39,7 @@ TEST_F(Stage3Test, GroupTakesFirstOfTwoIndexesWithSameMacAtStart) {
   }
 }
 
-TEST_F(Stage3Test, GroupMovesToNextIndexWithSameMac) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, GroupMovesToNextIndexWithSameMac) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   start();
@@ -66,7 +66,7 @@ TEST_F(Stage3Test, GroupMovesToNextIndexWithSameMac) {
   EXPECT_EQ(group("Ethernet1", kMacA)->nhIndex(), 9u);
 }
 
-TEST_F(Stage3Test, LosingLastIndexOfMacWithdrawsGroupStatuses) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, LosingLastIndexOfMacWithdrawsGroupStatuses) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   start();
@@ -87,7 +87,7 @@ TEST_F(Stage3Test, LosingLastIndexOfMacWithdrawsGroupStatuses) {
   EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 7}, {"10.0.0.2 Ethernet1", 7}}));
 }
 
-TEST_F(Stage3Test, MacChangeOnIndexMovesItBetweenGroups) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MacChangeOnIndexMovesItBetweenGroups) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   start();
@@ -107,7 +107,7 @@ TEST_F(Stage3Test, MacChangeOnIndexMovesItBetweenGroups) {
   EXPECT_TRUE(trace.contains(kHandleNhIndexToMac + "NhIndex 5 added for mac : 00:1c:73:00:00:0b"));
 }
 
-TEST_F(Stage3Test, MacChangeOnIndexMovesOldGroupToItsOtherIndex) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MacChangeOnIndexMovesOldGroupToItsOtherIndex) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   start();
@@ -127,7 +127,60 @@ TEST_F(Stage3Test, MacChangeOnIndexMovesOldGroupToItsOtherIndex) {
       trace.contains(kAddStatus + "NhIndex already found for mac : 00:1c:73:00:00:0b..skipping"));
 }
 
-TEST_F(Stage3Test, IndexWithUnrequestedMacIsIgnored) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, IndexRemovedDuringGroupStatusWriteLeavesNoStatus) {
+  NextHopMod::Ptr module = moduleIs("Ethernet1");
+  start();
+  for (const char* nexthop : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"}) {
+    requestIs(nexthop, "Ethernet1", kMacA);
+  }
+  // A client of the status map that sees the first status and has the engine take the index away.
+  bool removed = false;
+  auto client =
+      TestSupport::recordChanges<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  client->onChange = [&](const NexthopIntfId&) {
+    if (removed) return;
+    removed = true;
+    module->nhIndexToMacDel(5);
+  };
+
+  module->nhIndexToMacIs(5, mac(kMacA));
+
+  ASSERT_TRUE(removed);
+  EXPECT_THAT(statuses(), IsEmpty());
+  EXPECT_FALSE(group("Ethernet1", kMacA)->nhIndexFound());
+  EXPECT_EQ(group("Ethernet1", kMacA)->nhIndex(), kInvalid);
+}
+
+TEST_F(ViaNexthopMacToNhIndexSmTest, IndexAddedDuringGroupWithdrawalLeavesEveryNexthopStatus) {
+  NextHopMod::Ptr module = moduleIs("Ethernet1");
+  module->nhIndexToMacIs(5, mac(kMacA));
+  start();
+  for (const char* nexthop : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"}) {
+    requestIs(nexthop, "Ethernet1", kMacA);
+  }
+  // A client of the status map that sees the first withdrawal and has the engine program the MAC
+  // at another index.
+  bool added = false;
+  auto client =
+      TestSupport::recordChanges<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  client->onChange = [&](const NexthopIntfId&) {
+    if (added) return;
+    added = true;
+    module->nhIndexToMacIs(6, mac(kMacA));
+  };
+
+  module->nhIndexToMacDel(5);
+
+  ASSERT_TRUE(added);
+  EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 6},
+                                   {"10.0.0.2 Ethernet1", 6},
+                                   {"10.0.0.3 Ethernet1", 6},
+                                   {"10.0.0.4 Ethernet1", 6}}));
+  EXPECT_TRUE(group("Ethernet1", kMacA)->nhIndexFound());
+  EXPECT_EQ(group("Ethernet1", kMacA)->nhIndex(), 6u);
+}
+
+TEST_F(ViaNexthopMacToNhIndexSmTest, IndexWithUnrequestedMacIsIgnored) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -138,7 +191,7 @@ TEST_F(Stage3Test, IndexWithUnrequestedMacIsIgnored) {
   EXPECT_FALSE(group("Ethernet1", kMacA)->nhIndexFound());
 }
 
-TEST_F(Stage3Test, NexthopJoiningFoundGroupGetsStatusAtOnce) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, NexthopJoiningFoundGroupGetsStatusAtOnce) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -158,7 +211,7 @@ TEST_F(Stage3Test, NexthopJoiningFoundGroupGetsStatusAtOnce) {
       trace.contains(kHandleRequester + "Deleting status for nexthop: 10.0.0.2 intfId: Ethernet1"));
 }
 
-TEST_F(Stage3Test, NexthopLeavingUnfoundGroupIsTracedAndWritesNothing) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, NexthopLeavingUnfoundGroupIsTracedAndWritesNothing) {
   moduleIs("Ethernet1");
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -171,7 +224,7 @@ TEST_F(Stage3Test, NexthopLeavingUnfoundGroupIsTracedAndWritesNothing) {
       trace.contains(kHandleRequester + "Deleting status for nexthop: 10.0.0.2 intfId: Ethernet1"));
 }
 
-TEST_F(Stage3Test, FoundFlagIsSetBeforeIndex) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, FoundFlagIsSetBeforeIndex) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -186,7 +239,7 @@ TEST_F(Stage3Test, FoundFlagIsSetBeforeIndex) {
   EXPECT_THAT(order, ElementsAre("found", "5", "not found", std::to_string(kInvalid)));
 }
 
-TEST_F(Stage3Test, ModuleRemovalKeepsOtherInterfacesEntries) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, ModuleRemovalKeepsOtherInterfacesEntries) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   moduleIs("Ethernet2")->nhIndexToMacIs(6, mac(kMacA));
   start();
@@ -203,7 +256,7 @@ TEST_F(Stage3Test, ModuleRemovalKeepsOtherInterfacesEntries) {
   EXPECT_TRUE(group("Ethernet1", kMacA)->nhIndexFound());
 }
 
-TEST_F(Stage3Test, MachineStartRemovesLeftoverEntriesOfItsInterfaceOnly) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MachineStartRemovesLeftoverEntriesOfItsInterfaceOnly) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   status->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 77));
@@ -221,7 +274,7 @@ TEST_F(Stage3Test, MachineStartRemovesLeftoverEntriesOfItsInterfaceOnly) {
   EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}, {"10.0.0.1 Ethernet2", 79}}));
 }
 
-TEST_F(Stage3Test, FoundIndexIsTracedAtLevelSeven) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, FoundIndexIsTracedAtLevelSeven) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   TestSupport::TraceCapture trace("FwdViaNexthopMacToNhIndexSm/9");
@@ -241,7 +294,7 @@ TEST_F(Stage3Test, FoundIndexIsTracedAtLevelSeven) {
   }
 }
 
-TEST_F(Stage3Test, LevelSevenFilterShowsOnlyFoundIndex) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, LevelSevenFilterShowsOnlyFoundIndex) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   TestSupport::TraceCapture trace("FwdViaNexthopMacToNhIndexSm/7");
@@ -253,7 +306,7 @@ TEST_F(Stage3Test, LevelSevenFilterShowsOnlyFoundIndex) {
                                      "Ethernet1"));
 }
 
-TEST_F(Stage3Test, AddStatusHelperTracesEveryNexthop) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, AddStatusHelperTracesEveryNexthop) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -277,7 +330,7 @@ TEST_F(Stage3Test, AddStatusHelperTracesEveryNexthop) {
 
 // Nested watchers
 
-TEST_F(Stage3Test, ReplacedGroupObjectIsWatchedWithoutNewLookup) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, ReplacedGroupObjectIsWatchedWithoutNewLookup) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -303,7 +356,7 @@ TEST_F(Stage3Test, ReplacedGroupObjectIsWatchedWithoutNewLookup) {
   EXPECT_THAT(trace.texts(), IsEmpty());
 }
 
-TEST_F(Stage3Test, MachineStartsWatcherForEveryExistingGroup) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MachineStartsWatcherForEveryExistingGroup) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   requestIs("10.0.0.2", "Ethernet1", kMacB);
@@ -327,7 +380,7 @@ TEST_F(Stage3Test, MachineStartsWatcherForEveryExistingGroup) {
   EXPECT_FALSE(started->requesterCollHas(mac(kMacC)));
 }
 
-TEST_F(Stage3Test, NestedWatcherWithoutGroupHasZeroMac) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, NestedWatcherWithoutGroupHasZeroMac) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -338,7 +391,7 @@ TEST_F(Stage3Test, NestedWatcherWithoutGroupHasZeroMac) {
   EXPECT_EQ(nested->requesterColl(), nullptr);
 }
 
-TEST_F(Stage3Test, WatcherFollowsNexthopsOnlyNotGroupIndex) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, WatcherFollowsNexthopsOnlyNotGroupIndex) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);

@@ -25,7 +25,7 @@ using TestSupport::dump;
 
 // getNextHopMacNhIndex
 
-TEST_F(Stage3Test, MacSearchReturnsFirstMatchInTableOrder) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MacSearchReturnsFirstMatchInTableOrder) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   for (uint32_t nhIndex = 1; nhIndex <= 12; ++nhIndex) {
     module->nhIndexToMacIs(nhIndex, mac(nhIndex % 3 == 0 ? kMacA : kMacB));
@@ -35,7 +35,7 @@ TEST_F(Stage3Test, MacSearchReturnsFirstMatchInTableOrder) {
             firstInTableOrder(*module, {1, 2, 4, 5, 7, 8, 10, 11}));
 }
 
-TEST_F(Stage3Test, MacSearchWithoutMatchOrModuleIsInvalid) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MacSearchWithoutMatchOrModuleIsInvalid) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   EXPECT_EQ(getNextHopMacNhIndex(module, mac(kMacA)), kInvalid);
   module->nhIndexToMacIs(7, mac(kMacB));
@@ -46,7 +46,7 @@ TEST_F(Stage3Test, MacSearchWithoutMatchOrModuleIsInvalid) {
 
 // Request side and machine lifecycle
 
-TEST_F(Stage3Test, EntryResolvesToIndexOfItsMac) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, EntryResolvesToIndexOfItsMac) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -55,7 +55,7 @@ TEST_F(Stage3Test, EntryResolvesToIndexOfItsMac) {
   EXPECT_EQ(group("Ethernet1", kMacA)->nhIndex(), 5u);
 }
 
-TEST_F(Stage3Test, NexthopsWithSameMacShareOneGroup) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, NexthopsWithSameMacShareOneGroup) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -76,7 +76,7 @@ TEST_F(Stage3Test, NexthopsWithSameMacShareOneGroup) {
   EXPECT_THAT(statuses(), IsEmpty());
 }
 
-TEST_F(Stage3Test, SameMacOnTwoInterfacesGivesIndependentGroups) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, SameMacOnTwoInterfacesGivesIndependentGroups) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   moduleIs("Ethernet2")->nhIndexToMacIs(8, mac(kMacA));
   start();
@@ -93,7 +93,7 @@ TEST_F(Stage3Test, SameMacOnTwoInterfacesGivesIndependentGroups) {
   EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}}));
 }
 
-TEST_F(Stage3Test, EntryWithoutModuleWaitsForModule) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, EntryWithoutModuleWaitsForModule) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   requestIs("10.0.0.2", "Ethernet1", kMacB);
@@ -109,7 +109,7 @@ TEST_F(Stage3Test, EntryWithoutModuleWaitsForModule) {
   EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}, {"10.0.0.2 Ethernet1", 6}}));
 }
 
-TEST_F(Stage3Test, ModuleRemovalDeletesMachineAndReturnRecreatesIt) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, ModuleRemovalDeletesMachineAndReturnRecreatesIt) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   moduleIs("Ethernet2")->nhIndexToMacIs(9, mac(kMacB));
@@ -137,7 +137,7 @@ TEST_F(Stage3Test, ModuleRemovalDeletesMachineAndReturnRecreatesIt) {
       (StatusMap{{"10.0.0.1 Ethernet1", 5}, {"10.0.0.2 Ethernet1", 5}, {"10.0.0.3 Ethernet2", 9}}));
 }
 
-TEST_F(Stage3Test, LastEntryOfInterfaceRemovesRequestAndMachine) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, LastEntryOfInterfaceRemovesRequestAndMachine) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -158,7 +158,7 @@ TEST_F(Stage3Test, LastEntryOfInterfaceRemovesRequestAndMachine) {
   EXPECT_TRUE(trace.contains(kHandleRequest + "intfId Ethernet1"));
 }
 
-TEST_F(Stage3Test, MacChangeOfEntryMovesNexthopToNewGroup) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, MacChangeOfEntryMovesNexthopToNewGroup) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   module->nhIndexToMacIs(6, mac(kMacB));
@@ -189,7 +189,7 @@ TEST_F(Stage3Test, MacChangeOfEntryMovesNexthopToNewGroup) {
                              "Ethernet1"));
 }
 
-TEST_F(Stage3Test, StartClearsOldStatusThenReplaysConfig) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, StartClearsOldStatusThenReplaysConfig) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   status->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 99));
   status->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.7", "Ethernet3"), 98));
@@ -207,7 +207,7 @@ TEST_F(Stage3Test, StartClearsOldStatusThenReplaysConfig) {
   EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}, {"10.0.0.2 Ethernet1", 5}}));
 }
 
-TEST_F(Stage3Test, RepeatedModuleNotificationKeepsMachine) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, RepeatedModuleNotificationKeepsMachine) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -220,7 +220,7 @@ TEST_F(Stage3Test, RepeatedModuleNotificationKeepsMachine) {
   EXPECT_EQ(trace.count(kMachine + "handleInitialized()"), 0u);
 }
 
-TEST_F(Stage3Test, ModuleOfInterfaceWithoutRequestStartsNothing) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, ModuleOfInterfaceWithoutRequestStartsNothing) {
   start();
   TestSupport::TraceCapture trace(kFilter);
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
@@ -231,7 +231,7 @@ TEST_F(Stage3Test, ModuleOfInterfaceWithoutRequestStartsNothing) {
                           kHandleNexthopMod + "NexthopMod removed for intfId : Ethernet1"));
 }
 
-TEST_F(Stage3Test, StageCleanupClearsStatusAndResetsGroups) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, StageCleanupClearsStatusAndResetsGroups) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -250,7 +250,7 @@ TEST_F(Stage3Test, StageCleanupClearsStatusAndResetsGroups) {
   kept = nullptr;
 }
 
-TEST_F(Stage3Test, SwitchedOffStageIgnoresChanges) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, SwitchedOffStageIgnoresChanges) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   module->nhIndexToMacIs(5, mac(kMacA));
   start();
@@ -265,7 +265,7 @@ TEST_F(Stage3Test, SwitchedOffStageIgnoresChanges) {
   EXPECT_TRUE(machine("Ethernet1")->requesterColl(mac(kMacA))->hasNotificationActive());
 }
 
-TEST_F(Stage3Test, SmIsKeepsMachineBuiltFromSameArguments) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, SmIsKeepsMachineBuiltFromSameArguments) {
   NextHopMod::Ptr module = moduleIs("Ethernet1");
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -283,7 +283,7 @@ TEST_F(Stage3Test, SmIsKeepsMachineBuiltFromSameArguments) {
   EXPECT_EQ(machine("Ethernet1"), first);
 }
 
-TEST_F(Stage3Test, SmDelAllCleansEveryMachine) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, SmDelAllCleansEveryMachine) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   moduleIs("Ethernet2")->nhIndexToMacIs(6, mac(kMacA));
   start();
@@ -298,7 +298,7 @@ TEST_F(Stage3Test, SmDelAllCleansEveryMachine) {
   EXPECT_FALSE(sm->allIntfViaNexthopMacToNhIndexSm()->smDel(intf("Ethernet1")));
 }
 
-TEST_F(Stage3Test, FactoryKeepsArgumentsAndStartsActive) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, FactoryKeepsArgumentsAndStartsActive) {
   start();
   EXPECT_EQ(sm->vrfName(), vrf("red"));
   EXPECT_EQ(sm->config().get(), config.get());
@@ -310,7 +310,7 @@ TEST_F(Stage3Test, FactoryKeepsArgumentsAndStartsActive) {
 
 // Traces of the stage
 
-TEST_F(Stage3Test, TracesStartAndRequestLifecycle) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, TracesStartAndRequestLifecycle) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   TestSupport::TraceCapture trace(kFilter);
@@ -365,7 +365,7 @@ TEST_F(Stage3Test, TracesStartAndRequestLifecycle) {
 
 // Dumps of the stage
 
-TEST_F(Stage3Test, DumpShowsConfigStatusRequestsAndMachines) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, DumpShowsConfigStatusRequestsAndMachines) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -390,7 +390,7 @@ TEST_F(Stage3Test, DumpShowsConfigStatusRequestsAndMachines) {
             "              nexthop - 10.0.0.1\n");
 }
 
-TEST_F(Stage3Test, DumpAtIndentWithoutModulePrintsCountsOnly) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, DumpAtIndentWithoutModulePrintsCountsOnly) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   EXPECT_EQ(dump(*sm, 2),
@@ -406,7 +406,7 @@ TEST_F(Stage3Test, DumpAtIndentWithoutModulePrintsCountsOnly) {
             "    allIntfViaNexthopMacToNhIndexSm: #0\n");
 }
 
-TEST_F(Stage3Test, NewGroupDumpsNotFoundAndInvalidIndex) {
+TEST_F(ViaNexthopMacToNhIndexSmTest, NewGroupDumpsNotFoundAndInvalidIndex) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacB));
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
@@ -424,38 +424,38 @@ TEST_F(Stage3Test, NewGroupDumpsNotFoundAndInvalidIndex) {
 
 // Assertions of the stage
 
-TEST_F(Stage3DeathTest, SameNexthopTwiceUnderOneMacAsserts) {
+TEST_F(ViaNexthopMacToNhIndexSmDeathTest, SameNexthopTwiceUnderOneMacAsserts) {
   start();
   sm->handleAdd(entry("10.0.0.1", "Ethernet1", kMacA));
   EXPECT_DEATH(sm->handleAdd(entry("10.0.0.1", "Ethernet1", kMacA)),
                assertionFailure("!macRequester->requesterCollHas( nexthop )", kCommonUnit));
 }
 
-TEST_F(Stage3DeathTest, DeletingEntryOfUnknownInterfaceAsserts) {
+TEST_F(ViaNexthopMacToNhIndexSmDeathTest, DeletingEntryOfUnknownInterfaceAsserts) {
   start();
   EXPECT_DEATH(sm->handleDel(entry("10.0.0.1", "Ethernet1", kMacA)), assertionFailure("request"));
 }
 
-TEST_F(Stage3DeathTest, DeletingEntryOfUnknownMacAsserts) {
+TEST_F(ViaNexthopMacToNhIndexSmDeathTest, DeletingEntryOfUnknownMacAsserts) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   EXPECT_DEATH(sm->handleDel(entry("10.0.0.1", "Ethernet1", kMacB)),
                assertionFailure("macRequester", kCommonUnit));
 }
 
-TEST_F(Stage3DeathTest, DeletingUnknownNexthopOfGroupAsserts) {
+TEST_F(ViaNexthopMacToNhIndexSmDeathTest, DeletingUnknownNexthopOfGroupAsserts) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   EXPECT_DEATH(sm->handleDel(entry("10.0.0.2", "Ethernet1", kMacA)),
                assertionFailure("macRequester->requesterCollHas( nexthop )", kCommonUnit));
 }
 
-TEST_F(Stage3DeathTest, RequestWithoutL3ModulesAsserts) {
+TEST_F(ViaNexthopMacToNhIndexSmDeathTest, RequestWithoutL3ModulesAsserts) {
   sm = viaNexthopMacToNhIndexSmFactory(vrf("red"), config, nullptr, status);
   EXPECT_DEATH(requestIs("10.0.0.1", "Ethernet1", kMacA), assertionFailure("l3Modules()"));
 }
 
-TEST_F(Stage3DeathTest, ModuleGoneBetweenLookupsAsserts) {
+TEST_F(ViaNexthopMacToNhIndexSmDeathTest, ModuleGoneBetweenLookupsAsserts) {
   start();
   requestIs("10.0.0.1", "Ethernet1", kMacA);
   // The module disappears while its insertion is traced, between the two lookups.

@@ -689,6 +689,57 @@ TEST(ViaNexthopToViaNexthopMacSm, DumpMarksMapsAlreadyDumped) {
 
 // ---- Broken invariants
 
+// ---- Neighbour changes made from inside the stage's own publication
+
+TEST(ViaNexthopToViaNexthopMacSm, MacChangeDuringStatusUpdateLeavesEveryRequesterWithTheNewMac) {
+  Host host;
+  Stage red(host);
+  red.start();
+  const std::vector<std::string> nexthops = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
+  for (const std::string& nexthop : nexthops) red.viaIs(nexthop, kViaA);
+  // A client of the output that sees the first entry and moves the neighbour to another MAC.
+  bool moved = false;
+  red.outputChanges->onChange = [&](const NexthopIntfId&) {
+    if (moved) return;
+    moved = true;
+    host.neighbourIs(kViaA, kL2, kMac2);
+  };
+
+  host.neighbourIs(kViaA, kL2, kMac1);
+
+  ASSERT_TRUE(moved);
+  EXPECT_EQ(red.record(kViaA)->macAddr(), mac(kMac2));
+  for (const std::string& nexthop : nexthops) {
+    ASSERT_TRUE(red.hasOutput(nexthop)) << nexthop;
+    EXPECT_EQ(red.outputOf(nexthop), output(nexthop, kViaA, kMac2));
+  }
+}
+
+TEST(ViaNexthopToViaNexthopMacSm, NeighbourResolvedDuringWithdrawalLeavesEveryRequesterPublished) {
+  Host host;
+  Stage red(host);
+  red.start();
+  const std::vector<std::string> nexthops = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
+  for (const std::string& nexthop : nexthops) red.viaIs(nexthop, kViaA);
+  host.neighbourIs(kViaA, kL2, kMac1);
+  // A client of the output that sees the first withdrawal and has the neighbour learnt again.
+  bool relearnt = false;
+  red.outputChanges->onChange = [&](const NexthopIntfId&) {
+    if (relearnt) return;
+    relearnt = true;
+    host.neighbourIs(kViaA, kL2, kMac2);
+  };
+
+  host.neighbourDel(kViaA);
+
+  ASSERT_TRUE(relearnt);
+  EXPECT_EQ(red.record(kViaA)->macAddr(), mac(kMac2));
+  for (const std::string& nexthop : nexthops) {
+    ASSERT_TRUE(red.hasOutput(nexthop)) << nexthop;
+    EXPECT_EQ(red.outputOf(nexthop), output(nexthop, kViaA, kMac2));
+  }
+}
+
 TEST(ViaNexthopToViaNexthopMacSmDeathTest, VrfWithoutPlaneIdAsserts) {
   Host host;
   auto viaMap = nexthopToViaNexthopMapFactory();

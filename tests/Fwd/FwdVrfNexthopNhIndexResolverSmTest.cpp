@@ -35,9 +35,9 @@ int firstLineStartingWith(const TestSupport::TraceCapture& trace, std::string_vi
 }
 
 // One VRF's pipeline built directly from the host's state, as the root would build it.
-class PipelineTest : public ::testing::Test, public FwdTest::ResolverFixture {
+class VrfNexthopNhIndexResolverSmTest : public ::testing::Test, public FwdTest::ResolverFixture {
  protected:
-  PipelineTest() { vrfL3StatusIs("red", 1); }
+  VrfNexthopNhIndexResolverSmTest() { vrfL3StatusIs("red", 1); }
 
   VrfNexthopNhIndexResolverSm::Ptr pipelineIs() {
     return vrfNexthopNhIndexResolverSmFactory(
@@ -72,7 +72,7 @@ class PipelineTest : public ::testing::Test, public FwdTest::ResolverFixture {
   ViaNexthopMacToNhIndexMap::Ptr results = viaNexthopMacToNhIndexMapFactory(vrf("red"));
 };
 
-TEST_F(PipelineTest, VrfWithoutRequestsGetsBothMapsAndAllStagesWiredInOrder) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, VrfWithoutRequestsGetsBothMapsAndAllStagesWiredInOrder) {
   const auto sm = pipelineIs();
   ASSERT_TRUE(sm->nexthopToViaNexthopMap());
   ASSERT_TRUE(sm->nexthopToViaNexthopMacMap());
@@ -105,7 +105,7 @@ TEST_F(PipelineTest, VrfWithoutRequestsGetsBothMapsAndAllStagesWiredInOrder) {
   EXPECT_TRUE(sm->hasNotificationActive());
 }
 
-TEST_F(PipelineTest, StagesStartInPipelineOrderAfterTheTrace) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, StagesStartInPipelineOrderAfterTheTrace) {
   TestSupport::TraceCapture trace("*/8");
   pipelineIs();
   ASSERT_FALSE(trace.lines().empty());
@@ -123,7 +123,7 @@ TEST_F(PipelineTest, StagesStartInPipelineOrderAfterTheTrace) {
   EXPECT_GT(stage3, stage2);
 }
 
-TEST_F(PipelineTest, EachStageStartsFromWhatUpstreamAlreadyProduced) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, EachStageStartsFromWhatUpstreamAlreadyProduced) {
   resolvableRequest();
   const auto sm = pipelineIs();
   EXPECT_TRUE(sm->nexthopToViaNexthopMap()->mapHas(nhIntf("10.0.0.1", "Ethernet1")));
@@ -132,7 +132,7 @@ TEST_F(PipelineTest, EachStageStartsFromWhatUpstreamAlreadyProduced) {
   EXPECT_TRUE(nexthopVrfConfig->nexthopHas(ip("10.0.0.1")));
 }
 
-TEST_F(PipelineTest, SameArgumentsKeepTheStageAndDifferentOnesReplaceIt) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, SameArgumentsKeepTheStageAndDifferentOnesReplaceIt) {
   resolvableRequest();
   const auto sm = pipelineIs();
   // Not held by the test, so that releasing it destroys it.
@@ -168,7 +168,7 @@ TEST_F(PipelineTest, SameArgumentsKeepTheStageAndDifferentOnesReplaceIt) {
   EXPECT_TRUE(otherOutput->mapHas(nhIntf("10.0.0.1", "Ethernet1")));
 }
 
-TEST_F(PipelineTest, SameArgumentsKeepStagesOneAndThree) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, SameArgumentsKeepStagesOneAndThree) {
   const auto sm = pipelineIs();
   const auto stage1 = sm->nexthopToViaNexthopSm();
   const auto stage3 = sm->viaNexthopMacToNhIndexSm();
@@ -190,7 +190,7 @@ TEST_F(PipelineTest, SameArgumentsKeepStagesOneAndThree) {
   EXPECT_NE(sm->nexthopToViaNexthopMapIs(), viaMap);
 }
 
-TEST_F(PipelineTest, NeighbourChangeOfNoViaIsHandedToStage2WhichIgnoresIt) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, NeighbourChangeOfNoViaIsHandedToStage2WhichIgnoresIt) {
   resolvableRequest();
   const auto sm = pipelineIs();
   const Plane::NextHopKey unused(intf("Ethernet9"), ip("10.9.9.9"));
@@ -207,7 +207,7 @@ TEST_F(PipelineTest, NeighbourChangeOfNoViaIsHandedToStage2WhichIgnoresIt) {
   EXPECT_EQ(result("10.0.0.1", "Ethernet1"), 5u);
 }
 
-TEST_F(PipelineTest, NeighbourChangeOfAViaReachesStage2) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, NeighbourChangeOfAViaReachesStage2) {
   resolvableRequest();
   const auto sm = pipelineIs();
   // The neighbour table changes; only the pipeline's call makes stage 2 look again.
@@ -222,7 +222,8 @@ TEST_F(PipelineTest, NeighbourChangeOfAViaReachesStage2) {
   EXPECT_EQ(result("10.0.0.1", "Ethernet1"), NexthopNhIndexResolverConstants::invalidNhIndex());
 }
 
-TEST_F(PipelineTest, DestroyingPipelineClearsOutputsButRemovesNoProactiveArpEntry) {
+TEST_F(VrfNexthopNhIndexResolverSmTest,
+       DestroyingPipelineClearsOutputsButRemovesNoProactiveArpEntry) {
   resolvableRequest();
   auto sm = pipelineIs();
   const NexthopToViaNexthopMap::Ptr viaMap = sm->nexthopToViaNexthopMap();
@@ -243,7 +244,7 @@ TEST_F(PipelineTest, DestroyingPipelineClearsOutputsButRemovesNoProactiveArpEntr
   EXPECT_EQ(trace.count("Find nhIndex request deleted"), 0u);
 }
 
-TEST_F(PipelineTest, RootDroppingPipelineRemovesNoProactiveArpEntry) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, RootDroppingPipelineRemovesNoProactiveArpEntry) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
@@ -260,7 +261,7 @@ TEST_F(PipelineTest, RootDroppingPipelineRemovesNoProactiveArpEntry) {
   EXPECT_EQ(trace.count("Deleting via: "), 0u);
 }
 
-TEST_F(PipelineTest, RemovedPipelineIsSwitchedOffWithItsStages) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, RemovedPipelineIsSwitchedOffWithItsStages) {
   rootIs();
   configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
   resolver.run();
@@ -275,7 +276,7 @@ TEST_F(PipelineTest, RemovedPipelineIsSwitchedOffWithItsStages) {
   EXPECT_FALSE(sm->viaNexthopMacToNhIndexSm()->hasNotificationActive());
 }
 
-TEST_F(PipelineTest, SwitchingNotificationsReachesTheStages) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, SwitchingNotificationsReachesTheStages) {
   const auto sm = pipelineIs();
   sm->hasNotificationActiveIs(false);
   EXPECT_FALSE(sm->nexthopToViaNexthopSm()->hasNotificationActive());
@@ -289,7 +290,7 @@ TEST_F(PipelineTest, SwitchingNotificationsReachesTheStages) {
   EXPECT_TRUE(sm->viaNexthopMacToNhIndexSm()->hasNotificationActive());
 }
 
-TEST_F(PipelineTest, StageDeletersReleaseAndCleanUp) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, StageDeletersReleaseAndCleanUp) {
   resolvableRequest();
   const auto sm = pipelineIs();
   ASSERT_EQ(result("10.0.0.1", "Ethernet1"), 5u);
@@ -303,7 +304,7 @@ TEST_F(PipelineTest, StageDeletersReleaseAndCleanUp) {
   EXPECT_FALSE(sm->viaNexthopToViaNexthopMacSm());
 }
 
-TEST_F(PipelineTest, DumpIsTheHeaderFollowedByTheStagesAsChildren) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, DumpIsTheHeaderFollowedByTheStagesAsChildren) {
   resolvableRequest();
   const auto sm = pipelineIs();
   Core::DumpContext stages;
@@ -313,7 +314,7 @@ TEST_F(PipelineTest, DumpIsTheHeaderFollowedByTheStagesAsChildren) {
   EXPECT_EQ(dump(*sm, 0), "VrfNexthopNhIndexResolverSm - red\n" + stages.text());
 }
 
-TEST_F(PipelineTest, DumpShowsHeaderThenTheThreeStages) {
+TEST_F(VrfNexthopNhIndexResolverSmTest, DumpShowsHeaderThenTheThreeStages) {
   const auto sm = pipelineIs();
   const std::string text = dump(*sm, 0);
   EXPECT_EQ(text.rfind("VrfNexthopNhIndexResolverSm - red\n  NexthopToViaNexthopSm - red\n", 0), 0u)
@@ -342,9 +343,9 @@ TEST_F(PipelineTest, DumpShowsHeaderThenTheThreeStages) {
             "    (null)\n");
 }
 
-class PipelineDeathTest : public PipelineTest {};
+class VrfNexthopNhIndexResolverSmDeathTest : public VrfNexthopNhIndexResolverSmTest {};
 
-TEST_F(PipelineDeathTest, NeighbourChangeWithoutStage2Aborts) {
+TEST_F(VrfNexthopNhIndexResolverSmDeathTest, NeighbourChangeWithoutStage2Aborts) {
   const auto sm = pipelineIs();
   sm->viaNexthopToViaNexthopMacSmDel();
   EXPECT_DEATH(sm->handleNexthopInfo(Plane::NextHopKey(intf("Ethernet1"), ip("10.0.0.254"))),

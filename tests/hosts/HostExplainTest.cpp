@@ -27,7 +27,7 @@ Hosts::RoutingResolver::ViaList via(std::string_view hop, std::string_view intfN
 }
 
 // Puts each link of the chain in place in turn and checks what explain blames at each step.
-class Explain : public ::testing::Test {
+class ExplainTest : public ::testing::Test {
  protected:
   std::string explained() {
     host.runDue();
@@ -37,9 +37,9 @@ class Explain : public ::testing::Test {
   SimHost host;
 };
 
-TEST_F(Explain, NamesAnUnknownRequest) { EXPECT_EQ(explained(), "no such request"); }
+TEST_F(ExplainTest, NamesAnUnknownRequest) { EXPECT_EQ(explained(), "no such request"); }
 
-TEST_F(Explain, NamesEveryMissingInputOfAVrf) {
+TEST_F(ExplainTest, NamesEveryMissingInputOfAVrf) {
   host.requestAdd(kRequest);
   // Before the resolver has answered the registration.
   EXPECT_EQ(Hosts::explain(host, kRequest),
@@ -48,7 +48,7 @@ TEST_F(Explain, NamesEveryMissingInputOfAVrf) {
   EXPECT_EQ(explained(), "VRF red not ready: no VRF L3 status");
 }
 
-TEST_F(Explain, WalksTheChainLinkByLink) {
+TEST_F(ExplainTest, WalksTheChainLinkByLink) {
   host.requestAdd(kRequest);
   host.vrfAdd(vrf("red"));
   EXPECT_EQ(explained(), "next hop 10.1.0.1 unresolved: no route in VRF red covers it");
@@ -83,7 +83,7 @@ TEST_F(Explain, WalksTheChainLinkByLink) {
   EXPECT_EQ(explained(), "resolved: via 10.0.0.254, MAC 00:00:00:00:00:01, nhIndex 6");
 }
 
-TEST_F(Explain, TellsAProactiveArpEntryFromNone) {
+TEST_F(ExplainTest, TellsAProactiveArpEntryFromNone) {
   host.requestAdd(kRequest);
   host.vrfAdd(vrf("red"));
   host.routeAdd(vrf("red"), Prefix::fromText("10.1.0.0/16"), via("10.0.0.254", "Ethernet1"));

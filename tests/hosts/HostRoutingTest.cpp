@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "hosts/HostError.h"
+#include "support/ChangeRecorder.h"
 #include "support/FwdTestValues.h"
 
 namespace {
@@ -51,7 +52,7 @@ RoutingResolver::ViaList vias(std::vector<std::pair<std::string_view, std::strin
 Prefix prefix(std::string_view text) { return Prefix::fromText(text); }
 
 // The VRF names of the changes a recorder saw, in order.
-std::vector<std::string> vrfNames(const FwdTest::KeyRecorder<L3::VrfName>& recorder) {
+std::vector<std::string> vrfNames(const TestSupport::ChangeRecorder<L3::VrfName>& recorder) {
   std::vector<std::string> out;
   for (const L3::VrfName& name : recorder.keys) out.push_back(name.str());
   return out;
@@ -87,8 +88,8 @@ TEST(RoutingResolver, AnswersARegistrationOnlyAfterTheClientReturns) {
 TEST(RoutingResolver, NeverCoalescesAWithdrawalAndARegistration) {
   RoutingWorld world;
   world.registered("red", {});
-  auto recorder = FwdTest::KeyRecorder<L3::VrfName>::KeyRecorderIs(world.nexthopStatus.get(),
-                                                                   Routing::NexthopStatus::vrfAttr);
+  auto recorder = TestSupport::recordChanges<L3::VrfName>(world.nexthopStatus.get(),
+                                                          Routing::NexthopStatus::vrfAttr);
   const auto before = world.nexthopStatus->vrf(vrf("red"));
 
   world.nexthopConfig->vrfDel(vrf("red"));
@@ -105,8 +106,8 @@ TEST(RoutingResolver, NeverCoalescesAWithdrawalAndARegistration) {
 TEST(RoutingResolver, ProcessesRegistrationsOfSeveralVrfsInOrder) {
   RoutingWorld world;
   std::vector<std::string> seen;
-  auto recorder = FwdTest::KeyRecorder<L3::VrfName>::KeyRecorderIs(world.nexthopStatus.get(),
-                                                                   Routing::NexthopStatus::vrfAttr);
+  auto recorder = TestSupport::recordChanges<L3::VrfName>(world.nexthopStatus.get(),
+                                                          Routing::NexthopStatus::vrfAttr);
   recorder->onChange = [&](const L3::VrfName& name) {
     seen.push_back((world.nexthopStatus->vrfHas(name) ? "+" : "-") + name.str());
   };
@@ -185,10 +186,10 @@ TEST(RoutingResolver, ChangesTheFecOfItsOnlyRouteInPlace) {
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.1", "Ethernet1"}}));
   const auto status = world.registered("red", {"10.1.0.1"});
   const FecId fecId = status->nexthop(ip("10.1.0.1")).fecId();
-  auto statusChanges = FwdTest::KeyRecorder<Netval::IpGenAddr>::KeyRecorderIs(
+  auto statusChanges = TestSupport::recordChanges<Netval::IpGenAddr>(
       status.get(), Routing::NexthopVrfStatus::nexthopAttr);
   auto fecChanges =
-      FwdTest::KeyRecorder<FecId>::KeyRecorderIs(world.global.get(), ForwardingStatus::fecAttr);
+      TestSupport::recordChanges<FecId>(world.global.get(), ForwardingStatus::fecAttr);
 
   world.resolver->routeIs(vrf("red"), prefix("10.1.0.0/16"), vias({{"10.0.0.9", "Ethernet1"}}));
   EXPECT_TRUE(statusChanges->keys.empty());
@@ -202,7 +203,7 @@ TEST(RoutingResolver, MovesNextHopsToAnotherFecWithoutUnresolvingThem) {
   world.resolver->routeIs(vrf("red"), prefix("10.9.0.0/16"), vias({{"10.0.0.2", "Ethernet1"}}));
   const auto status = world.registered("red", {"10.1.0.1"});
   std::vector<std::string> problems;
-  auto recorder = FwdTest::KeyRecorder<Netval::IpGenAddr>::KeyRecorderIs(
+  auto recorder = TestSupport::recordChanges<Netval::IpGenAddr>(
       status.get(), Routing::NexthopVrfStatus::nexthopAttr);
   recorder->onChange = [&](const Netval::IpGenAddr& addr) {
     if (!status->isNexthopResolved(addr)) problems.push_back("unresolved " + addr.toString());

@@ -27,14 +27,4 @@ inline FwdL3Unicast::NexthopNhIndexResolverKey key(std::string_view vrfName,
   return FwdL3Unicast::NexthopNhIndexResolverKey(vrf(vrfName), ip(nexthop), intf(intfName));
 }
 
-// The old name of TestSupport::ChangeRecorder, still used by the simulator's tests; they move to
-// ChangeRecorder (and this goes) when those tests are folded in.
-template <class Key>
-struct KeyRecorder : TestSupport::ChangeRecorder<Key> {
-  using TestSupport::ChangeRecorder<Key>::ChangeRecorder;
-  static std::unique_ptr<KeyRecorder> KeyRecorderIs(const Core::Node* notifier, Core::AttrId attr) {
-    return std::make_unique<KeyRecorder>(*notifier, attr);
-  }
-};
-
 }  // namespace FwdTest

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -18,6 +19,7 @@
 #include "platform/L3Modules.h"
 #include "platform/Memtab.h"
 #include "platform/Plane.h"
+#include "support/ChangeRecorder.h"
 #include "support/E2EWorld.h"
 
 // A model of the whole resolver for randomized and fuzz tests. Host changes over a small universe
@@ -25,6 +27,11 @@
 // what it queued, and an oracle computed from scratch from the host's state checks the statuses
 // and the proactive ARP entries after every step. The choices come from a seeded generator (the
 // model test) or from the bytes of an input (the fuzz target).
+//
+// In the re-entrant mode some of the changes are made by a host that reacts to the module's
+// outputs synchronously: an observer of the status collection and of the proactive ARP entries
+// performs the next random change from inside the notification, while the module's handlers are
+// still on the stack. The oracle is checked once every step has returned.
 namespace Model {
 
 using Arp::ProactiveArp::ClientEntry;
@@ -99,15 +106,16 @@ class ByteChoices : public Choices {
 
 // One run of the model: the world, the operations and the oracle. The host's starting state
 // draws its choices from `setup`, the operations from `steps` (both may be one source); `log`
-// hears each operation as one line of text.
+// hears each operation as one line of text. `reentrant` selects the re-entrant mode.
 class Run {
  public:
   using Log = std::function<void(const std::string&)>;
 
-  Run(Choices& setup, Choices& steps, Memtab::Fib::FecMode fecMode, Log log)
-      : choices_(&setup), world_(fecMode), log_(std::move(log)) {
+  Run(Choices& setup, Choices& steps, Memtab::Fib::FecMode fecMode, bool reentrant, Log log)
+      : choices_(&setup), world_(fecMode), log_(std::move(log)), reentrant_(reentrant) {
     hostIs();
     choices_ = &steps;
+    if (reentrant_) watchOutputs();
     hostEntities_ = Core::Node::liveCount();
     hostModules_ = world_.l3Modules->nextHopModCount();
     world_.rootIs();
@@ -119,10 +127,9 @@ class Run {
   // One random operation, then the host settles and the oracle checks its outputs: what does not
   // hold, empty when everything does.
   std::string step() {
-    const std::set<L3::VrfName> runningBefore = running();
-    const ArpEntries arpBefore = world_.arpEntries();
-    std::optional<L3::VrfName> vrfTakenDown;
     bool restarted = false;
+    // Changes left for the observers to make from inside the module's notifications.
+    nestedLeft_ = reentrant_ && choices_->chance(60) ? 1 + choices_->below(3) : 0;
 
     const uint32_t roll = choices_->below(100);
     if (roll < 22) {
@@ -138,8 +145,9 @@ class Run {
     } else if (roll < 84) {
       moduleToggle();
     } else if (roll < 92) {
-      vrfTakenDown = vrfToggle();
+      vrfToggle();
     } else if (roll < 94) {
+      nestedLeft_ = 0;
       std::string failure = restart();
       if (!failure.empty()) return failure;
       restarted = true;
@@ -147,15 +155,9 @@ class Run {
       requestToggle();
     }
     world_.settle();
+    nestedLeft_ = 0;
 
-    if (restarted) {
-      leftovers_.clear();  // the new proactive ARP client started empty
-    } else if (vrfTakenDown && runningBefore.contains(*vrfTakenDown)) {
-      const uint32_t arpVrfId = world_.arpVrfId(*vrfTakenDown);
-      for (const ClientEntry& e : arpBefore) {
-        if (e.arpVrfId() == arpVrfId) leftovers_.insert(e);
-      }
-    }
+    if (restarted) leftovers_.clear();  // the new proactive ARP client started empty
     return check();
   }
 
@@ -166,6 +168,29 @@ class Run {
   }
 
  private:
+  // Subscribes the re-entrant host to the module's outputs.
+  void watchOutputs() {
+    statusWatch_ = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+        world_.statusDir.get(), FwdL3Unicast::NexthopNhIndexResolverStatusDir::statusAttr);
+    statusWatch_->onChange = [this](const NexthopNhIndexResolverKey&) { nestedChange(); };
+    arpWatch_ = TestSupport::recordChanges<ClientEntry>(world_.proactiveArpNexthop.get(),
+                                                        Arp::ProactiveArp::ClientConfig::entryAttr);
+    arpWatch_->onChange = [this](const ClientEntry&) { nestedChange(); };
+  }
+
+  // Runs inside a notification of the module: makes the next change of the step, if one is left,
+  // at most two notifications deep.
+  void nestedChange() {
+    if (nestedLeft_ == 0 || nestedDepth_ >= 2) return;
+    --nestedLeft_;
+    ++nestedDepth_;
+    log_("from inside a module notification (depth " + std::to_string(nestedDepth_) + "):");
+    // Changes of the engine's next-hop tables: what the status writers of the last stage meet.
+    const IntfId intf = choices_->pick(u_.intfs);
+    if (world_.l3Modules->nextHopModHas(intf)) nhIndexChange(intf);
+    --nestedDepth_;
+  }
+
   // A host that already has most of what resolution needs, so that random changes keep a good
   // share of the requests resolved: every FEC of every table, most routes and neighbours, and
   // most interfaces' modules.
@@ -277,8 +302,8 @@ class Run {
     world_.neighbourIs(intf, addr, mac, l2Intf);
   }
 
-  void nhIndexChange() {
-    const IntfId intf = choices_->pick(u_.intfs);
+  void nhIndexChange() { nhIndexChange(choices_->pick(u_.intfs)); }
+  void nhIndexChange(IntfId intf) {
     FwdL3Unicast::NextHopMod::Ptr module = world_.l3Modules->nextHopModMutable(intf);
     if (!module) return moduleToggle(intf);
     const uint32_t nhIndex = 1 + choices_->below(Universe::kNhIndexes);
@@ -319,21 +344,24 @@ class Run {
     world_.l3Modules->nextHopModIs(module);
   }
 
-  // Returns the VRF when it was taken down.
-  std::optional<L3::VrfName> vrfToggle() {
+  // A VRF taken down drops its pipeline, which leaves its proactive ARP entries to the platform.
+  void vrfToggle() {
     const L3::VrfName& vrfName = choices_->pick(u_.vrfs);
     if (world_.vrfStatusAll->vrfStatusHas(vrfName)) {
       if (choices_->chance(50)) {  // VRFs are up more often than down
         log_("vrf stays up " + text(vrfName));
-        return std::nullopt;
+        return;
       }
       log_("vrf down " + text(vrfName));
+      const uint32_t arpVrfId = world_.arpVrfId(vrfName);
+      for (const ClientEntry& e : world_.arpEntries()) {
+        if (e.arpVrfId() == arpVrfId) leftovers_.insert(e);
+      }
       world_.vrfDown(vrfName);
-      return vrfName;
+      return;
     }
     log_("vrf up " + text(vrfName));
     world_.vrfUp(vrfName, vrfId(vrfName));
-    return std::nullopt;
   }
 
   std::string restart() {
@@ -509,6 +537,11 @@ class Run {
   Choices* choices_;
   E2E::World world_;
   Log log_;
+  const bool reentrant_;
+  size_t nestedLeft_ = 0;
+  size_t nestedDepth_ = 0;
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopNhIndexResolverKey>> statusWatch_;
+  std::unique_ptr<TestSupport::ChangeRecorder<ClientEntry>> arpWatch_;
   ArpEntries leftovers_;
   int64_t hostEntities_ = 0;
   size_t hostModules_ = 0;

@@ -134,7 +134,7 @@ inline uint32_t firstInTableOrder(const NextHopMod& module, std::vector<uint32_t
 // Stage 3 of VRF "red" with the inputs the pipeline and the engine hand it: a stage-2 map that
 // the test writes as stage 2 would, the engine's L3 modules and the VRF's status map. Every test
 // ends by releasing everything and checking that no entity is left alive.
-class Stage3Test : public ::testing::Test {
+class ViaNexthopMacToNhIndexSmTest : public ::testing::Test {
  protected:
   void TearDown() override {
     sm = nullptr;
@@ -181,7 +181,7 @@ class Stage3Test : public ::testing::Test {
   ViaNexthopMacToNhIndexSm::Ptr sm;
 };
 
-using Stage3DeathTest = Stage3Test;
+using ViaNexthopMacToNhIndexSmDeathTest = ViaNexthopMacToNhIndexSmTest;
 
 using StatusMap = std::map<std::string, uint32_t>;
 
