@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The long soak (`make soak`), not part of CI: the randomized model test at SOAK_SEEDS seeds x
-# SOAK_STEPS steps (default 200 x 20,000) in a Release build, then the simulator on generated
-# scale scenarios; reports steps per second for each. Run from the top of the tree after
+# The long soak (`make soak`), not part of CI: the randomized model test (plain and re-entrant)
+# at SOAK_SEEDS seeds x SOAK_STEPS steps (default 200 x 20,000) in a Release build, then the
+# simulator on generated scale scenarios (SOAK_SCALE); reports steps per second for each. Run from the top of the tree after
 # `cmake --build --preset soak`.
 set -euo pipefail
 
@@ -28,8 +28,10 @@ grep -E '^\[ +OK \] ResolverModel' "$log" | while read -r _ _ _ name ms _; do
   echo "soak: $name: $((seeds * steps)) steps in $ms ms, $(rate $((seeds * steps * 1000)) "$ms") steps/s"
 done
 
-# Scale scenarios: VRFS x REQUESTS requests over 8 interfaces, then CHURN churn steps.
-for shape in "16 1024 20000" "64 4096 20000"; do
+# Scale scenarios: VRFS x REQUESTS requests over 8 interfaces, then CHURN churn steps; SOAK_SCALE
+# lists them as "VRFS REQUESTS CHURN;...".
+IFS=';' read -r -a shapes <<<"${SOAK_SCALE:-16 1024 20000;64 4096 20000}"
+for shape in "${shapes[@]}"; do
   read -r vrfs requests churn <<<"$shape"
   scenario=$build/scale-$vrfs-$requests-$churn.scn
   "$gen" --vrfs "$vrfs" --requests "$requests" --churn "$churn" >"$scenario"
