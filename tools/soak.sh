@@ -30,7 +30,7 @@ done
 
 # Scale scenarios: VRFS x REQUESTS requests over 8 interfaces, then CHURN churn steps; SOAK_SCALE
 # lists them as "VRFS REQUESTS CHURN;...".
-IFS=';' read -r -a shapes <<<"${SOAK_SCALE:-16 1024 20000;64 4096 20000}"
+IFS=';' read -r -a shapes <<<"${SOAK_SCALE:-16 1024 20000;64 4096 1000}"
 for shape in "${shapes[@]}"; do
   read -r vrfs requests churn <<<"$shape"
   scenario=$build/scale-$vrfs-$requests-$churn.scn
