@@ -7,7 +7,9 @@ DEMO := build/default/tools/nexthop-sim
 SANITIZER_ENV := ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:check_initialization_order=1:strict_init_order=1 \
                  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-.PHONY: all test asan bench demo clean
+FUZZ_SECONDS ?= 60
+
+.PHONY: all test asan fuzz soak bench demo clean
 
 all: test
 
@@ -21,6 +23,20 @@ asan:
 	$(SANITIZER_ENV) cmake --preset asan-ubsan
 	$(SANITIZER_ENV) cmake --build --preset asan-ubsan -j $(JOBS)
 	$(SANITIZER_ENV) ctest --preset asan-ubsan
+
+# Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS; a crash fails and
+# leaves its input in build/fuzz/crashes/.
+fuzz:
+	$(SANITIZER_ENV) cmake --preset fuzz
+	$(SANITIZER_ENV) cmake --build --preset fuzz -j $(JOBS)
+	$(SANITIZER_ENV) FUZZ_SECONDS=$(FUZZ_SECONDS) ctest --preset fuzz
+
+# The randomized model test at 200 seeds x 20,000 steps and the simulator on generated scale
+# scenarios, in Release; prints steps per second. Long: not part of CI.
+soak:
+	cmake --preset soak
+	cmake --build --preset soak -j $(JOBS) --target FwdResolverModelTest nexthop-sim scale-scenario
+	tools/soak.sh
 
 bench:
 	cmake --preset bench

@@ -31,7 +31,13 @@ void* blockAlloc(size_t bytes, size_t align) {
 
 void blockFree(void* block, size_t bytes, size_t align) noexcept {
   if (!block) return;
+    // Clang declares the sized forms only with -fsized-deallocation; the unsized aligned form
+    // frees the same block.
+#if defined(__cpp_sized_deallocation)
   ::operator delete(block, bytes, alignmentOf(bytes, align));
+#else
+  ::operator delete(block, alignmentOf(bytes, align));
+#endif
 }
 
 }  // namespace Core

@@ -338,5 +338,7 @@ void write(const MessageInfo& message, A&&... args) noexcept {
 // std::runtime_error naming the file and the problem for a file that is missing, not a ring trace
 // (magic, version, byte order, size) or corrupt. RingLogReader.h reads a file a block at a time.
 std::vector<std::string> decodeFile(const std::string& path);
+// The same for the bytes of a ring file already read; `name` names them in errors.
+std::vector<std::string> decode(std::string_view data, const std::string& name);
 
 }  // namespace RingLog

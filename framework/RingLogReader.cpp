@@ -225,10 +225,21 @@ Reader::Reader(const std::string& path) : fd_(-1), name_(path) {
   // Non-blocking, so that opening a FIFO does not wait for a writer.
   fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd_ < 0) throw std::runtime_error(path + ": cannot open: " + std::strerror(errno));
-  load();
+  loadOrClose();
 }
 
-Reader::Reader(int fd, std::string name) : fd_(fd), name_(std::move(name)) { load(); }
+Reader::Reader(int fd, std::string name) : fd_(fd), name_(std::move(name)) { loadOrClose(); }
+
+void Reader::loadOrClose() {
+  // A constructor that throws runs no destructor: the descriptor is closed here.
+  try {
+    load();
+  } catch (...) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    throw;
+  }
+}
 
 Reader::~Reader() {
   if (fd_ >= 0) ::close(fd_);

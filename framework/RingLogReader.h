@@ -47,6 +47,7 @@ class Reader {
 
  private:
   void load();
+  void loadOrClose();
   std::string readAt(uint64_t offset, size_t bytes) const;
 
   int fd_;

@@ -1,12 +1,24 @@
 # Records a scenario's ring trace with nexthop-sim --ring and decodes it with ringlog-cat: the
-# decoded text must hold the module's records, oldest first.
+# decoded text must hold the module's records, oldest first. With RING_BYTES, the file is
+# recorded with --ring-size and must have exactly that size.
 #   cmake -DSIM=<nexthop-sim> -DRINGLOG_CAT=<ringlog-cat> -DSCENARIO=<file> -DRING=<file>
-#         -P CheckRingTrace.cmake
+#         [-DRING_BYTES=<n>] -P CheckRingTrace.cmake
 cmake_minimum_required(VERSION 3.25)
-execute_process(COMMAND ${SIM} --ring ${RING} ${SCENARIO} RESULT_VARIABLE _status
+set(_sizeArgs "")
+if(RING_BYTES)
+  set(_sizeArgs --ring-size ${RING_BYTES})
+endif()
+execute_process(COMMAND ${SIM} --ring ${RING} ${_sizeArgs} ${SCENARIO} RESULT_VARIABLE _status
                 OUTPUT_QUIET ERROR_VARIABLE _err)
 if(NOT _status EQUAL 0)
-  message(FATAL_ERROR "nexthop-sim --ring ${RING} ${SCENARIO}: exit status ${_status}\n${_err}")
+  message(FATAL_ERROR "nexthop-sim --ring ${RING} ${_sizeArgs} ${SCENARIO}: exit status "
+                      "${_status}\n${_err}")
+endif()
+if(RING_BYTES)
+  file(SIZE ${RING} _size)
+  if(NOT _size EQUAL RING_BYTES)
+    message(FATAL_ERROR "nexthop-sim --ring-size ${RING_BYTES}: the file has ${_size} bytes")
+  endif()
 endif()
 execute_process(COMMAND ${RINGLOG_CAT} ${RING} RESULT_VARIABLE _status OUTPUT_VARIABLE _out
                 ERROR_VARIABLE _err)
