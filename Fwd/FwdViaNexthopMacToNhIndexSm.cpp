@@ -372,17 +372,16 @@ void ViaNexthopMacToNhIndexSm::handleInitialized() {
 void ViaNexthopMacToNhIndexSm::handleConfig() {
   DUALLOG_TRACE(8, "vrfName : ", vrfName_);
   if (!config_) return;
-  for (const NexthopToViaNexthopMacMapEntry& entry : config_->map()) {
-    const NexthopToViaNexthopMacMapEntry copy = entry;
-    handleAdd(copy);
-  }
+  follower_.replay(
+      *config_, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
-void ViaNexthopMacToNhIndexSm::handleConfig(const NexthopIntfId&) {
-  const auto values = Core::getNotifyValues<NexthopToViaNexthopMacMapEntry>(
-      config_.get(), NexthopToViaNexthopMacMap::mapAttr);
-  if (values.oldValue) handleDel(*values.oldValue);
-  if (values.newValue) handleAdd(*values.newValue);
+void ViaNexthopMacToNhIndexSm::handleConfig(const NexthopIntfId& key) {
+  // The entry this stage applied leaves its MAC's group before the entry held now joins one.
+  follower_.changed(
+      *config_, key, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
 void ViaNexthopMacToNhIndexSm::handleAdd(const NexthopToViaNexthopMacMapEntry& entry) {

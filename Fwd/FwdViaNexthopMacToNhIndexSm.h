@@ -218,7 +218,8 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
 
   void handleInitialized();
   void handleConfig();
-  // A changed entry is handled as the deletion of the old one, then the addition of the new.
+  // A changed entry is handled as the deletion of the entry applied before, then the addition
+  // of the entry held now.
   void handleConfig(const NexthopIntfId& key);
   void handleAdd(const NexthopToViaNexthopMacMapEntry& entry);
   // Precondition: the entry's interface has a request record holding the entry.
@@ -249,6 +250,8 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
   ViaNexthopMacToNhIndexMap::Ptr status_;
   AllIntfViaNexthopMacToNhIndexRequest::Ptr allIntfViaNexthopMacToNhIndexRequest_;
   AllIntfViaNexthopMacToNhIndexSm::Ptr allIntfViaNexthopMacToNhIndexSm_;
+  // Applies the changes of `config` through handleDel and handleAdd.
+  StageMapFollower<NexthopToViaNexthopMacMapEntry> follower_;
   Core::Slot<ViaNexthopMacToNhIndexSm, NexthopIntfId, &ViaNexthopMacToNhIndexSm::handleConfig>
       configSlot_{this, NexthopToViaNexthopMacMap::mapAttr, config_.get()};
   Core::Slot<ViaNexthopMacToNhIndexSm, Netval::IntfId, &ViaNexthopMacToNhIndexSm::handleNexthopMod>

@@ -82,15 +82,16 @@ void ViaNexthopToViaNexthopMacSm::handleInitialized() {
 void ViaNexthopToViaNexthopMacSm::handleConfig() {
   DUALLOG_TRACE(8, "vrfName ", vrfName_);
   if (!config_) return;
-  // By value: the loop body publishes, and stage 1's map does not change under it.
-  for (const NexthopToViaNexthopMapEntry entry : config_->map()) handleAdd(entry);
+  follower_.replay(
+      *config_, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
-void ViaNexthopToViaNexthopMacSm::handleConfig(const NexthopIntfId&) {
-  const auto values = Core::getNotifyValues<NexthopToViaNexthopMapEntry>(
-      config_.get(), NexthopToViaNexthopMap::mapAttr);
-  if (values.oldValue) handleDel(*values.oldValue);
-  if (values.newValue) handleAdd(*values.newValue);
+void ViaNexthopToViaNexthopMacSm::handleConfig(const NexthopIntfId& key) {
+  // The entry this stage applied leaves its via before the entry the map holds now joins its via.
+  follower_.changed(
+      *config_, key, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
 void ViaNexthopToViaNexthopMacSm::handleAdd(const NexthopToViaNexthopMapEntry& mapEntry) {

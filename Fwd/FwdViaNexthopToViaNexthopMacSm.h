@@ -47,7 +47,8 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   void handleInitialized();
   // Feeds every entry of `config` to handleAdd.
   void handleConfig();
-  // One changed key of `config`: the old entry leaves its via before the new one joins its via.
+  // One changed key of `config`: the entry applied before leaves its via before the entry held
+  // now joins its via.
   void handleConfig(const NexthopIntfId& key);
   // Makes the entry's nexthop a requester of its via, tracking the via if it is new.
   void handleAdd(const NexthopToViaNexthopMapEntry& mapEntry);
@@ -102,6 +103,8 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   Core::Ptr<NexthopToViaNexthopMacMap> status_;
   Vrf::VrfIdMap::VrfId arpVrfId_ = invalidArpVrfId;
   AllViaNexthopRequests::Ptr allViaNexthopRequests_;
+  // Applies the changes of `config` through handleDel and handleAdd.
+  StageMapFollower<NexthopToViaNexthopMapEntry> follower_;
 
   Core::Slot<ViaNexthopToViaNexthopMacSm, NexthopIntfId, &ViaNexthopToViaNexthopMacSm::handleConfig>
       configSlot_{this, NexthopToViaNexthopMap::mapAttr, config_.get()};

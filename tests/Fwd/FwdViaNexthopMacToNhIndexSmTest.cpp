@@ -189,6 +189,32 @@ TEST_F(Stage3Test, MacChangeOfEntryMovesNexthopToNewGroup) {
                              "Ethernet1"));
 }
 
+TEST_F(Stage3Test, EntryDeletedWhileItsMacChangeIsHandledLeavesNoRequest) {
+  NextHopMod::Ptr module = moduleIs("Ethernet1");
+  module->nhIndexToMacIs(5, mac(kMacA));
+  module->nhIndexToMacIs(6, mac(kMacB));
+  start();
+  requestIs("10.0.0.1", "Ethernet1", kMacA);
+  ASSERT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}}));
+  // A client of the status map that sees the status withdrawn for the old MAC and has stage 2
+  // drop the entry, so that the deletion is delivered while the MAC change is still handled.
+  bool deleted = false;
+  auto client =
+      TestSupport::recordChanges<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  client->onChange = [&](const NexthopIntfId&) {
+    if (deleted) return;
+    deleted = true;
+    requestDel("10.0.0.1", "Ethernet1");
+  };
+
+  requestIs("10.0.0.1", "Ethernet1", kMacB);
+
+  ASSERT_TRUE(deleted);
+  EXPECT_THAT(statuses(), IsEmpty());
+  EXPECT_EQ(request("Ethernet1"), nullptr);
+  EXPECT_EQ(machine("Ethernet1"), nullptr);
+}
+
 TEST_F(Stage3Test, StartClearsOldStatusThenReplaysConfig) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   status->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 99));
