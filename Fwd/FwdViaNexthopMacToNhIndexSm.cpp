@@ -423,7 +423,7 @@ void ViaNexthopMacToNhIndexSm::handleIntfViaNexthopMacToNhIndexRequest(Netval::I
   const Core::Ptr<const NextHopMod> nextHopMod = l3Modules_->nextHopMod(intfId);
   // Without a module the machine waits for handleNexthopMod.
   if (!nextHopMod) return;
-  allIntfViaNexthopMacToNhIndexSm_->smIs(intfId, request, nextHopMod, status_);
+  machineIs(intfId);
 }
 
 void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
@@ -444,7 +444,33 @@ void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
   CORE_ASSERT(nextHopMod);
   DUALLOG_TRACE(8, "Creating IntfViaNexthopMacToNhIndexSm for intfId : ", intfId);
   // A repeated notification finds the machine already built from the same objects.
-  allIntfViaNexthopMacToNhIndexSm_->smIs(intfId, request, nextHopMod, status_);
+  machineIs(intfId);
+}
+
+void ViaNexthopMacToNhIndexSm::machineIs(Netval::IntfId intfId) {
+  AllIntfViaNexthopMacToNhIndexSm& machines = *allIntfViaNexthopMacToNhIndexSm_;
+  // Starting or dropping a machine writes statuses, whose handlers may replace the request or
+  // the module again: the loop ends once the machine matches what is there.
+  for (;;) {
+    const IntfViaNexthopMacToNhIndexRequest::Ptr request =
+        allIntfViaNexthopMacToNhIndexRequest_->request(intfId);
+    const Core::Ptr<const NextHopMod> nextHopMod =
+        l3Modules_ ? l3Modules_->nextHopMod(intfId) : nullptr;
+    const IntfViaNexthopMacToNhIndexSm::Ptr existing = machines.sm(intfId);
+    if (existing && existing->intfViaNexthopMacToNhIndexRequest() == request &&
+        existing->nextHopMod() == nextHopMod) {
+      return;
+    }
+    if (existing) {
+      // Built on a request or module that a nested handler removed and replaced before this
+      // stage heard of the removal.
+      machines.smDel(intfId);
+    } else if (request && nextHopMod) {
+      machines.smIs(intfId, request, nextHopMod, status_);
+    } else {
+      return;
+    }
+  }
 }
 
 void ViaNexthopMacToNhIndexSm::doCleanup() {

@@ -244,6 +244,10 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
                            const Core::Ptr<const L3Modules>& l3Modules,
                            const ViaNexthopMacToNhIndexMap::Ptr& status);
 
+  // Brings the interface's machine in line with its request record and its module as they are
+  // now: built on both while both exist, none otherwise.
+  void machineIs(Netval::IntfId intfId);
+
   L3::VrfName vrfName_;
   Core::Ptr<const NexthopToViaNexthopMacMap> config_;
   Core::Ptr<const L3Modules> l3Modules_;

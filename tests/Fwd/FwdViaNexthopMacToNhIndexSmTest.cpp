@@ -246,6 +246,32 @@ TEST_F(Stage3Test, RepeatedModuleNotificationKeepsMachine) {
   EXPECT_EQ(trace.count(kMachine + "handleInitialized()"), 0u);
 }
 
+TEST_F(Stage3Test, ModuleReplacedBeforeStageHearsOfItsRemovalGetsANewMachine) {
+  moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
+  NextHopMod::Ptr replacement = NextHopMod::NextHopModIs(intf("Ethernet1"));
+  replacement->nhIndexToMacIs(7, mac(kMacA));
+  // An engine client, subscribed before the stage, that hears of the removal first and hands a
+  // new module over: the stage hears of the new module before it hears of the removal.
+  bool replaced = false;
+  auto client =
+      TestSupport::recordChanges<Netval::IntfId>(l3Modules.get(), L3Modules::nextHopModAttr);
+  client->onChange = [&](const Netval::IntfId&) {
+    if (replaced) return;
+    replaced = true;
+    l3Modules->nextHopModIs(replacement);
+  };
+  start();
+  requestIs("10.0.0.1", "Ethernet1", kMacA);
+  ASSERT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}}));
+
+  l3Modules->nextHopModDel(intf("Ethernet1"));
+
+  ASSERT_TRUE(replaced);
+  ASSERT_NE(machine("Ethernet1"), nullptr);
+  EXPECT_EQ(machine("Ethernet1")->nextHopMod().get(), replacement.get());
+  EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 7}}));
+}
+
 TEST_F(Stage3Test, ModuleOfInterfaceWithoutRequestStartsNothing) {
   start();
   TestSupport::TraceCapture trace(kFilter);
