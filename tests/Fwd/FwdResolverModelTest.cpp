@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
@@ -35,8 +36,8 @@
 //
 // In the re-entrant mode some of the changes are made by a host that reacts to the module's
 // outputs synchronously: an observer of the status collection and of the proactive ARP entries
-// performs the next random change from inside the notification, while the module's handlers are
-// still on the stack. The oracle is checked once every step has returned.
+// performs the next random change (any but a restart) from inside the notification, while the
+// module's handlers are still on the stack. The oracle is checked once every step has returned.
 //
 //   FWD_MODEL_SEEDS=N  number of seeds (1..N), default 3
 //   FWD_MODEL_STEPS=N  steps per seed, default 3000
@@ -228,6 +229,26 @@ class ModelRun {
     nestedLeft_ = reentrant_ && rng_.chance(60) ? 1 + rng_.below(3) : 0;
 
     const uint32_t roll = rng_.below(100);
+    if (roll >= kRestartRolls.first && roll < kRestartRolls.second) {
+      nestedLeft_ = 0;
+      std::string failure = restart();
+      if (!failure.empty()) return failure;
+      restarted = true;
+    } else {
+      hostChange(roll);
+    }
+    world_.settle();
+    nestedLeft_ = 0;
+
+    if (restarted) leftovers_.clear();  // the new proactive ARP client started empty
+    return check();
+  }
+
+  // The rolls of a step that restart the module; every other roll of 0..99 is a host change.
+  static constexpr std::pair<uint32_t, uint32_t> kRestartRolls{92, 94};
+
+  // One change of the host, chosen by a roll of 0..99 outside kRestartRolls.
+  void hostChange(uint32_t roll) {
     if (roll < 22) {
       requestToggle();
     } else if (roll < 32) {
@@ -240,21 +261,11 @@ class ModelRun {
       nhIndexChange();
     } else if (roll < 84) {
       moduleToggle();
-    } else if (roll < 92) {
+    } else if (roll < kRestartRolls.first) {
       vrfToggle();
-    } else if (roll < 94) {
-      nestedLeft_ = 0;
-      std::string failure = restart();
-      if (!failure.empty()) return failure;
-      restarted = true;
     } else {
       requestToggle();
     }
-    world_.settle();
-    nestedLeft_ = 0;
-
-    if (restarted) leftovers_.clear();  // the new proactive ARP client started empty
-    return check();
   }
 
   // Subscribes the re-entrant host to the module's outputs.
@@ -274,9 +285,8 @@ class ModelRun {
     --nestedLeft_;
     ++nestedDepth_;
     context.log("from inside a module notification (depth " + std::to_string(nestedDepth_) + "):");
-    // Changes of the engine's next-hop tables: what the status writers of the last stage meet.
-    const IntfId intf = rng_.pick(u_.intfs);
-    if (world_.l3Modules->nextHopModHas(intf)) nhIndexChange(intf);
+    // Any change of the host but a restart, which drops the module whose handler is running.
+    hostChange(rng_.below(kRestartRolls.first));
     --nestedDepth_;
   }
 
