@@ -173,8 +173,11 @@ void IntfViaNexthopMacToNhIndexRequest::delRequester(Netval::EthAddr macAddr,
   CORE_ASSERT( macRequester->requesterCollHas( nexthop ) );
   // clang-format on
   macRequester->requesterCollDel(nexthop);
-  // A group is never left empty; its found index goes with it.
-  if (macRequester->requesterCollCount() == 0) requesterCollDel(macAddr);
+  // A group is never left empty; its found index goes with it. A handler of the removal may
+  // have emptied and dropped the group and filed a new one under the MAC: that one stays.
+  if (macRequester->requesterCollCount() == 0 && requesterColl(macAddr) == macRequester) {
+    requesterCollDel(macAddr);
+  }
 }
 
 void IntfViaNexthopMacToNhIndexRequest::dumpState(Core::DumpContext& ctx, uint32_t indent) const {

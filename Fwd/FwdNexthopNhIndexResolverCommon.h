@@ -1,9 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "framework/Core.h"
 #include "framework/CoreCollection.h"
@@ -247,6 +251,73 @@ class StageMap : public Core::Node {
 
  private:
   Coll map_{this, mapAttr};
+};
+
+// How a stage takes in the changes of the stage map it reads. A change of a key is applied as the
+// removal of the entry the stage applied (the notification's old entry) followed by the addition
+// of the entry the map holds. Handlers run inside the publications they cause, so the key may
+// change again while its change is being applied; that nested notification would carry an old
+// entry the stage has not applied yet. It is skipped instead, and the change under way goes on
+// until the stage holds what the map holds once its removal and addition have returned.
+template <class Entry>
+class StageMapFollower {
+ public:
+  // The change notification of `key` on `input`.
+  template <class Del, class Add>
+  void changed(const StageMap<Entry>& input, const NexthopIntfId& key, Del&& del, Add&& add) {
+    if (busy(key)) return;
+    const auto values = Core::getNotifyValues<Entry>(&input, StageMap<Entry>::mapAttr);
+    std::optional<Entry> applied;
+    if (values.oldValue) applied = *values.oldValue;
+    follow(input, key, std::move(applied), del, add);
+  }
+
+  // Adds every entry of `input`, in its iteration order as it was on entry. A key that a nested
+  // handler changes before the replay reaches it is applied when the replay gets there.
+  template <class Del, class Add>
+  void replay(const StageMap<Entry>& input, Del&& del, Add&& add) {
+    std::vector<NexthopIntfId> keys;
+    keys.reserve(input.mapCount());
+    for (const Entry& entry : input.map()) {
+      keys.push_back(entry.nexthopIntfId());
+      pending_.emplaceNew(entry.nexthopIntfId());
+    }
+    for (const NexthopIntfId& key : keys) {
+      pending_.erase(pending_.find(key));
+      follow(input, key, std::nullopt, del, add);
+    }
+  }
+
+ private:
+  bool busy(const NexthopIntfId& key) const {
+    return pending_.find(key) || std::find(running_.begin(), running_.end(), key) != running_.end();
+  }
+
+  template <class Del, class Add>
+  void follow(const StageMap<Entry>& input, const NexthopIntfId& key, std::optional<Entry> applied,
+              Del& del, Add& add) {
+    running_.push_back(key);
+    struct Done {
+      std::vector<NexthopIntfId>& running;
+      ~Done() { running.pop_back(); }
+    } done{running_};
+    for (;;) {
+      const Entry* current = input.map().find(key);
+      if (applied ? current && *current == *applied : !current) return;
+      if (applied) {
+        const Entry old = *std::exchange(applied, std::nullopt);
+        del(old);
+      } else {
+        applied = *current;
+        add(*applied);
+      }
+    }
+  }
+
+  // Keys of a replay under way that it has not reached yet.
+  Core::HashTable<NexthopIntfId, NexthopIntfId, Core::KeyIdentity> pending_;
+  // Keys whose change is being applied, innermost last: a handful at most.
+  std::vector<NexthopIntfId> running_;
 };
 
 // The `requesterColl` attribute of the stage 2 and stage 3 request records: the requested

@@ -1,5 +1,6 @@
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -66,7 +67,9 @@ bool AllVrfNexthopNhIndexResolverSm::smDel(const L3::VrfName& vrfName) {
   const VrfNexthopNhIndexResolverSm::Ptr removed = sm_.get(vrfName);
   if (!removed) return false;
   sm_.del(vrfName);
-  removed->hasNotificationActiveIs(false);
+  // Retired now, not when the last reference goes: a handler still running may hold the
+  // pipeline, and a successor for the VRF may be built before that handler returns.
+  removed->retire();
   return true;
 }
 
@@ -151,6 +154,8 @@ void NexthopNhIndexResolverSm::handleNexthopInfo(const Plane::NextHopKey& nextHo
   const Netval::EthAddr macAddr = nextHopInfoWrapper_->nextHopInfo(nextHopKey).ethAddr();
   DUALLOG_TRACE(8, "Nexthop notification for nexthop : ", nextHopKey, " mac address : ", macAddr);
   const AllVrfNexthopNhIndexResolverSm::Coll& pipelines = allVrfNexthopNhIndexResolverSm_->sm();
+  // A pipeline being built is not in the collection yet: it is handed the key once it is.
+  if (!pipelinesChanging_.empty()) neighboursMissed_.push_back(nextHopKey);
   for (auto it = pipelines.begin(); it != pipelines.end(); ++it) {
     // Looked up again by name: an earlier pipeline's reaction may have dropped this one.
     const L3::VrfName vrfName = it.key();
@@ -324,6 +329,11 @@ void NexthopNhIndexResolverSm::handleConfig(const NexthopNhIndexResolverKey& key
   if (vrfConfig->configCount() != 0) return;
   DUALLOG_TRACE(8, "Last nexthop for the vrf ", vrfName, "  being deleted ");
   checkAndDestroyVrfSm(vrfName);
+  // A handler of the teardown requested the VRF again: it stays tracked.
+  if (vrfConfig->configCount() != 0) {
+    checkAndInstantiateVrfSm(vrfName);
+    return;
+  }
   nexthopConfig_->vrfDel(vrfName);
   allVrfNexthopNhIndexResolverStatusDir_->vrfStatusDel(vrfName);
   allVrfNexthopNhIndexResolverConfigDir_->vrfConfigDel(vrfName);
@@ -359,7 +369,52 @@ Core::Ptr<const Memtab::FibGen::ForwardingStatus> NexthopNhIndexResolverSm::moun
   return Core::dynamicPtrCast<const Memtab::FibGen::ForwardingStatus>(mount->getEntity(path));
 }
 
+bool NexthopNhIndexResolverSm::pipelineChanging(const L3::VrfName& vrfName) {
+  if (std::find(pipelinesChanging_.begin(), pipelinesChanging_.end(), vrfName) ==
+      pipelinesChanging_.end()) {
+    return false;
+  }
+  if (std::find(pipelinesToCheck_.begin(), pipelinesToCheck_.end(), vrfName) ==
+      pipelinesToCheck_.end()) {
+    pipelinesToCheck_.push_back(vrfName);
+  }
+  return true;
+}
+
+template <class Change>
+void NexthopNhIndexResolverSm::pipelineChange(const L3::VrfName& vrfName, Change&& change) {
+  struct Changing {
+    std::vector<L3::VrfName>& changing;
+    ~Changing() { changing.pop_back(); }
+  };
+  const size_t missedBefore = neighboursMissed_.size();
+  {
+    pipelinesChanging_.push_back(vrfName);
+    const Changing changing{pipelinesChanging_};
+    change();
+  }
+  if (neighboursMissed_.size() != missedBefore) {
+    // By index: the pipeline's reactions may add keys (and so reallocate).
+    if (const VrfNexthopNhIndexResolverSm::Ptr built =
+            allVrfNexthopNhIndexResolverSm_->sm(vrfName)) {
+      for (size_t i = missedBefore; i < neighboursMissed_.size(); ++i) {
+        const Plane::NextHopKey key = neighboursMissed_[i];
+        built->handleNexthopInfo(key);
+      }
+    }
+  }
+  if (pipelinesChanging_.empty()) neighboursMissed_.clear();
+  if (std::erase(pipelinesToCheck_, vrfName) == 0) return;
+  if (nexthopStatus_->vrf(vrfName) && nexthopConfig_->vrf(vrfName) &&
+      vrfStatusAll_->vrfStatus(vrfName)) {
+    checkAndInstantiateVrfSm(vrfName);
+  } else {
+    checkAndDestroyVrfSm(vrfName);
+  }
+}
+
 void NexthopNhIndexResolverSm::checkAndInstantiateVrfSm(const L3::VrfName& vrfName) {
+  if (pipelineChanging(vrfName)) return;
   const Routing::NexthopVrfStatus::Ptr nexthopVrfStatus = nexthopStatus_->vrf(vrfName);
   const Routing::NexthopVrfConfig::Ptr nexthopVrfConfig = nexthopConfig_->vrf(vrfName);
   if (!nexthopVrfStatus || !nexthopVrfConfig || !vrfStatusAll_->vrfStatus(vrfName)) return;
@@ -378,15 +433,32 @@ void NexthopNhIndexResolverSm::checkAndInstantiateVrfSm(const L3::VrfName& vrfNa
     CORE_ASSERT(fecModeStatus()->fecMode() == Memtab::Fib::fecModePerVrf());
     forwardingStatus = mountedForwardingStatus(vrfName);
   }
-  allVrfNexthopNhIndexResolverSm_->smIs(
-      vrfName, {config, nexthopVrfConfig, nexthopVrfStatus, forwardingStatus, nextHopInfoWrapper_,
-                vrfStatusAll_, l3Modules_, proactiveArpNexthopSm_, scheduler_, status});
+  const VrfNexthopNhIndexResolverInputs inputs{config,
+                                               nexthopVrfConfig,
+                                               nexthopVrfStatus,
+                                               forwardingStatus,
+                                               nextHopInfoWrapper_,
+                                               vrfStatusAll_,
+                                               l3Modules_,
+                                               proactiveArpNexthopSm_,
+                                               scheduler_,
+                                               status};
+  const VrfNexthopNhIndexResolverSm::Ptr running = allVrfNexthopNhIndexResolverSm_->sm(vrfName);
+  if (running && !(vrfNexthopNhIndexResolverInputs(*running) == inputs)) {
+    // Built on inputs that a nested handler replaced (the VRF untracked and tracked again) before
+    // the root heard of it: dropped, then everything is looked up afresh.
+    checkAndDestroyVrfSm(vrfName);
+    checkAndInstantiateVrfSm(vrfName);
+    return;
+  }
+  pipelineChange(vrfName, [&] { allVrfNexthopNhIndexResolverSm_->smIs(vrfName, inputs); });
 }
 
 void NexthopNhIndexResolverSm::checkAndDestroyVrfSm(const L3::VrfName& vrfName) {
+  if (pipelineChanging(vrfName)) return;
   if (!allVrfNexthopNhIndexResolverSm_->sm(vrfName)) return;
   DUALLOG_TRACE(8, "Destroying VrfNexthopNhIndexResolverSm of vrf: ", vrfName);
-  allVrfNexthopNhIndexResolverSm_->smDel(vrfName);
+  pipelineChange(vrfName, [&] { allVrfNexthopNhIndexResolverSm_->smDel(vrfName); });
 }
 
 void NexthopNhIndexResolverSm::doCleanup() {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "Fwd/FwdVrfNexthopNhIndexResolverSm.h"
@@ -287,6 +288,14 @@ class NexthopNhIndexResolverSm : public Core::Reactor {
   // null when nothing of that type is published at the VRF's path.
   Core::Ptr<const Memtab::FibGen::ForwardingStatus> mountedForwardingStatus(
       const L3::VrfName& vrfName) const;
+  // True (and the VRF marked to be looked at again) while the VRF's pipeline is being built or
+  // torn down: the handlers that this runs must not build or drop another pipeline of the VRF,
+  // since two pipelines of one VRF would write its status map and registrations at once.
+  bool pipelineChanging(const L3::VrfName& vrfName);
+  // Runs `change` (building or tearing down the VRF's pipeline), then, if a handler that it ran
+  // found the VRF's readiness changed, builds or drops the pipeline accordingly.
+  template <class Change>
+  void pipelineChange(const L3::VrfName& vrfName, Change&& change);
 
   Core::Ptr<Store::EntityManager> em_;
   Core::Ptr<const NexthopNhIndexResolverConfigDir> configDir_;
@@ -305,6 +314,12 @@ class NexthopNhIndexResolverSm : public Core::Reactor {
   VrfStatusColl vrfStatus_{this, vrfStatusAttr};
   AllVrfNexthopNhIndexResolverSm::Ptr allVrfNexthopNhIndexResolverSm_;
   Core::Ptr<Plane::ProactiveArpNexthopSm> proactiveArpNexthopSm_;
+  // VRFs whose pipeline is being built or torn down, innermost last, and those of them whose
+  // readiness a nested handler saw change.
+  std::vector<L3::VrfName> pipelinesChanging_;
+  std::vector<L3::VrfName> pipelinesToCheck_;
+  // Neighbour changes fanned out while a pipeline was being built, for the pipeline built.
+  std::vector<Plane::NextHopKey> neighboursMissed_;
 
   // The input slots subscribe before handleInitialized runs; the status-map slot gets its
   // notifier after handleInitialized, once the collection exists.

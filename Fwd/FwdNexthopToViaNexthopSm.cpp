@@ -123,7 +123,7 @@ NexthopToViaNexthopSm::NexthopToViaNexthopSm(
 
 NexthopToViaNexthopSm::~NexthopToViaNexthopSm() {
   hasNotificationActiveIs(false);
-  doCleanup();
+  if (!retired_) doCleanup();
   configSlot_.notifierIs(nullptr);
   backlogSlot_.notifierIs(nullptr);
   if (fibMonitorHelperSm_) fibMonitorHelperSm_->hasNotificationActiveIs(false);
@@ -158,7 +158,7 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
       DUALLOG_TRACE(8, "New nexthop to track : ", nh);
       request = allNexthopRequests_->requestIs(nh);
       // Registered once, with the first interface; withdrawn with the last.
-      nexthopVrfConfig_->nexthopIs(Routing::NexthopConfigEntry(nh));
+      if (!retired_) nexthopVrfConfig_->nexthopIs(Routing::NexthopConfigEntry(nh));
     } else {
       DUALLOG_TRACE(8, "Nexthop being tracked already");
     }
@@ -175,7 +175,7 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
     const size_t remaining = request->intfViaInfoCount();
     DUALLOG_TRACE(8, "Nexthop being tracked for ", remaining, " interfaces now");
     if (remaining == 0) {
-      nexthopVrfConfig_->nexthopDel(nh);
+      if (!retired_) nexthopVrfConfig_->nexthopDel(nh);
       allNexthopRequests_->requestDel(nh);
       DUALLOG_TRACE(8, "Last tracking interface removed..stop tracking nexthop ", nh);
     }
@@ -295,6 +295,14 @@ void NexthopToViaNexthopSm::doCleanup() {
   if (nexthopBacklog_) nexthopBacklog_->backlogDelAll();
   nexthopBacklogDel();
   status_->mapDelAll();
+}
+
+void NexthopToViaNexthopSm::retire() {
+  if (retired_) return;
+  hasNotificationActiveIs(false);
+  if (fibMonitorHelperSm_) fibMonitorHelperSm_->hasNotificationActiveIs(false);
+  retired_ = true;
+  doCleanup();
 }
 
 void NexthopToViaNexthopSm::allNexthopRequestsIs() {

@@ -194,6 +194,10 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // Withdraws every registration of the VRF, drops the backlog and empties the output. The
   // records and the FIB monitor stay until the object goes.
   void doCleanup();
+  // For an owner that drops the stage while a handler of it may still be running (the handler
+  // keeps it alive): switches it off, cleans up now, and from then on leaves alone the routing
+  // registrations a successor built for the same VRF. The destructor then cleans up nothing.
+  void retire();
 
   // Keeps the records held, creating empty ones when there are none.
   void allNexthopRequestsIs();
@@ -244,6 +248,8 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   Memtab::FibGen::Fec fec_;
   // Set while handleNexthopBacklog walks the backlog.
   bool drainingBacklog_ = false;
+  // Set by retire(): the registrations belong to whoever runs the VRF now.
+  bool retired_ = false;
 
   Core::Slot<NexthopToViaNexthopSm, NexthopIntfId, &NexthopToViaNexthopSm::handleConfig>
       configSlot_{this, NexthopIntfIdColl::configAttr, config_.get()};

@@ -220,10 +220,14 @@ void IntfViaNexthopMacToNhIndexSm::addStatusHelper(const RequesterColl::Ptr& req
                                                    uint32_t nhIndex) {
   CORE_ASSERT(NexthopNhIndexResolverConstants::invalidNhIndex() != nhIndex);
   CORE_ASSERT(requester);
+  // A handler still running after the machine was dropped: the groups are the next machine's.
+  if (retired_) return;
   DUALLOG_TRACE(7, "nhIndex : ", nhIndex, " found for mac : ", requester->macAddr(),
                 " under intfId : ", intfId_);
   requester->nhIndexFoundIs(true);
   requester->nhIndexIs(nhIndex);
+  // The nexthops written before a handler of a write changed the group.
+  std::vector<Netval::IpGenAddr> written;
   for (RequesterColl::StatusPass pass(*requester); pass.next();) {
     // A pass started again because a handler of a write moved the group writes what it holds now.
     if (pass.again()) {
@@ -231,16 +235,35 @@ void IntfViaNexthopMacToNhIndexSm::addStatusHelper(const RequesterColl::Ptr& req
       continue;
     }
     const Netval::IpGenAddr& nexthop = pass.nexthop();
+    written.push_back(nexthop);
     DUALLOG_TRACE(8, "nhIndex for nexthop: ", nexthop, " intfId: ", intfId_, " is ", nhIndex);
     if (status_)
       status_->mapIs(ViaNexthopMacToNhIndexMapEntry(NexthopIntfId(nexthop, intfId_), nhIndex));
+  }
+  rewriteMoved(*requester, written);
+}
+
+void IntfViaNexthopMacToNhIndexSm::rewriteMoved(const RequesterColl& requester,
+                                                const std::vector<Netval::IpGenAddr>& written) {
+  for (const Netval::IpGenAddr& nexthop : written) {
+    if (requester.requesterCollHas(nexthop)) continue;
+    RequesterColl::Ptr now;
+    for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
+      if (group->requesterCollHas(nexthop)) now = group;
+    }
+    if (now) {
+      writeAgain(*now, nexthop);
+    } else {
+      DUALLOG_TRACE(8, "Deleting status for nexthop: ", nexthop, " intfId: ", intfId_);
+      if (status_) status_->mapDel(NexthopIntfId(nexthop, intfId_));
+    }
   }
 }
 
 void IntfViaNexthopMacToNhIndexSm::delStatus(const RequesterColl::Ptr& requester,
                                              uint32_t nhIndex) {
   CORE_ASSERT(requester);
-  if (nhIndex != requester->nhIndex()) return;
+  if (retired_ || nhIndex != requester->nhIndex()) return;
   CORE_ASSERT(requester->nhIndexFound());
   // The table already reflects the change, so the lost index is not found again.
   const uint32_t next = getNextHopMacNhIndex(nextHopMod_, requester->macAddr());
@@ -276,16 +299,30 @@ void IntfViaNexthopMacToNhIndexSm::writeAgain(const RequesterColl& requester,
 
 void IntfViaNexthopMacToNhIndexSm::cleanupStatus() {
   if (!status_) return;
-  for (auto it = status_->map().begin(); it != status_->map().end(); ++it) {
-    const NexthopIntfId key = it->nexthopIntfId();
-    if (key.intfId() == intfId_) status_->mapDel(key);
-  }
+  // The handlers of a removal may write statuses of other interfaces, and an insert reorders the
+  // map: the interface's keys are taken first, and taken again until none is left.
+  std::vector<NexthopIntfId> keys;
+  do {
+    keys.clear();
+    for (const ViaNexthopMacToNhIndexMapEntry& entry : status_->map()) {
+      if (entry.nexthopIntfId().intfId() == intfId_) keys.push_back(entry.nexthopIntfId());
+    }
+    for (const NexthopIntfId& key : keys) status_->mapDel(key);
+  } while (!keys.empty());
 }
 
 void IntfViaNexthopMacToNhIndexSm::doCleanup() {
   DUALLOG_TRACE(8, "intfId ", intfId_);
   cleanupStatus();
   for (const NestedSm_RequesterColl::Ptr& nested : requesterColl_) nested->doCleanup();
+}
+
+void IntfViaNexthopMacToNhIndexSm::retire() {
+  // Off first, so the machine does not react to its own clean-up.
+  hasNotificationActiveIs(false);
+  doCleanup();
+  retired_ = true;
+  status_ = nullptr;
 }
 
 void IntfViaNexthopMacToNhIndexSm::hasNotificationActiveIs(bool active) {
@@ -324,9 +361,7 @@ bool AllIntfViaNexthopMacToNhIndexSm::smDel(Netval::IntfId intfId) {
   const IntfViaNexthopMacToNhIndexSm::Ptr removed = sm_.get(intfId);
   if (!removed) return false;
   sm_.del(intfId);
-  // Off first, so the machine does not react to its own clean-up.
-  removed->hasNotificationActiveIs(false);
-  removed->doCleanup();
+  removed->retire();
   return true;
 }
 
@@ -346,7 +381,7 @@ ViaNexthopMacToNhIndexSm::ViaNexthopMacToNhIndexSm(
 
 ViaNexthopMacToNhIndexSm::~ViaNexthopMacToNhIndexSm() {
   hasNotificationActiveIs(false);
-  doCleanup();
+  if (!retired_) doCleanup();
 }
 
 ViaNexthopMacToNhIndexSm::Ptr viaNexthopMacToNhIndexSmFactory(
@@ -372,29 +407,29 @@ void ViaNexthopMacToNhIndexSm::handleInitialized() {
 void ViaNexthopMacToNhIndexSm::handleConfig() {
   DUALLOG_TRACE(8, "vrfName : ", vrfName_);
   if (!config_) return;
-  for (const NexthopToViaNexthopMacMapEntry& entry : config_->map()) {
-    const NexthopToViaNexthopMacMapEntry copy = entry;
-    handleAdd(copy);
-  }
+  follower_.replay(
+      *config_, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
-void ViaNexthopMacToNhIndexSm::handleConfig(const NexthopIntfId&) {
-  const auto values = Core::getNotifyValues<NexthopToViaNexthopMacMapEntry>(
-      config_.get(), NexthopToViaNexthopMacMap::mapAttr);
-  if (values.oldValue) handleDel(*values.oldValue);
-  if (values.newValue) handleAdd(*values.newValue);
+void ViaNexthopMacToNhIndexSm::handleConfig(const NexthopIntfId& key) {
+  // The entry this stage applied leaves its MAC's group before the entry held now joins one.
+  follower_.changed(
+      *config_, key, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
 void ViaNexthopMacToNhIndexSm::handleAdd(const NexthopToViaNexthopMacMapEntry& entry) {
   const NexthopIntfId& key = entry.nexthopIntfId();
   DUALLOG_TRACE(8, "Find nhIndex request added - vrf: ", vrfName_, " nexthop: ", key.nexthop(),
                 " intfId: ", key.intfId(), " ethaddr ", entry.macAddr());
-  IntfViaNexthopMacToNhIndexRequest::Ptr request =
-      allIntfViaNexthopMacToNhIndexRequest_->request(key.intfId());
-  if (!request) {
+  IntfViaNexthopMacToNhIndexRequest::Ptr request;
+  // Looked up again after the creation: its handlers may have added and removed the interface's
+  // last other entry, and with it the record.
+  while (!(request = allIntfViaNexthopMacToNhIndexRequest_->request(key.intfId()))) {
     DUALLOG_TRACE(8, "New request for interface ", key.intfId());
     // Notifies handleIntfViaNexthopMacToNhIndexRequest, which may start the machine right away.
-    request = allIntfViaNexthopMacToNhIndexRequest_->requestIs(key.intfId());
+    allIntfViaNexthopMacToNhIndexRequest_->requestIs(key.intfId());
   }
   request->addRequester(entry.macAddr(), key.nexthop());
 }
@@ -407,7 +442,11 @@ void ViaNexthopMacToNhIndexSm::handleDel(const NexthopToViaNexthopMacMapEntry& e
       allIntfViaNexthopMacToNhIndexRequest_->request(key.intfId());
   CORE_ASSERT(request);
   request->delRequester(entry.macAddr(), key.nexthop());
-  if (request->requesterCollCount() != 0) return;
+  // A handler of the removal may have dropped the record and made a new one for the interface.
+  if (request->requesterCollCount() != 0 ||
+      allIntfViaNexthopMacToNhIndexRequest_->request(key.intfId()) != request) {
+    return;
+  }
   DUALLOG_TRACE(8, "Deleting request for interface ", key.intfId());
   allIntfViaNexthopMacToNhIndexRequest_->requestDel(key.intfId());
 }
@@ -417,14 +456,14 @@ void ViaNexthopMacToNhIndexSm::handleIntfViaNexthopMacToNhIndexRequest(Netval::I
   const IntfViaNexthopMacToNhIndexRequest::Ptr request =
       allIntfViaNexthopMacToNhIndexRequest_->request(intfId);
   if (!request) {
-    allIntfViaNexthopMacToNhIndexSm_->smDel(intfId);
+    machineIs(intfId);
     return;
   }
   CORE_ASSERT(l3Modules());
   const Core::Ptr<const NextHopMod> nextHopMod = l3Modules_->nextHopMod(intfId);
   // Without a module the machine waits for handleNexthopMod.
   if (!nextHopMod) return;
-  allIntfViaNexthopMacToNhIndexSm_->smIs(intfId, request, nextHopMod, status_);
+  machineIs(intfId);
 }
 
 void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
@@ -435,7 +474,7 @@ void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
     DUALLOG_TRACE(8, "NexthopMod removed for intfId : ", intfId);
     if (!request) return;
     DUALLOG_TRACE(8, "Deleting IntfViaNexthopMacToNhIndexSm for intfId : ", intfId);
-    allIntfViaNexthopMacToNhIndexSm_->smDel(intfId);
+    machineIs(intfId);
     return;
   }
   DUALLOG_TRACE(8, "NexthopMod inserted for intfId : ", intfId);
@@ -445,12 +484,60 @@ void ViaNexthopMacToNhIndexSm::handleNexthopMod(Netval::IntfId intfId) {
   CORE_ASSERT(nextHopMod);
   DUALLOG_TRACE(8, "Creating IntfViaNexthopMacToNhIndexSm for intfId : ", intfId);
   // A repeated notification finds the machine already built from the same objects.
-  allIntfViaNexthopMacToNhIndexSm_->smIs(intfId, request, nextHopMod, status_);
+  machineIs(intfId);
+}
+
+void ViaNexthopMacToNhIndexSm::machineIs(Netval::IntfId intfId) {
+  // Starting or dropping a machine writes statuses, whose handlers may replace the request or
+  // the module again. A nested call leaves that to the call that is starting or dropping the
+  // interface's machine, which looks again once it has: two machines of one interface never
+  // write at once.
+  if (std::find(machinesChanging_.begin(), machinesChanging_.end(), intfId) !=
+      machinesChanging_.end()) {
+    return;
+  }
+  AllIntfViaNexthopMacToNhIndexSm& machines = *allIntfViaNexthopMacToNhIndexSm_;
+  struct Changing {
+    std::vector<Netval::IntfId>& changing;
+    Changing(std::vector<Netval::IntfId>& c, Netval::IntfId intfId) : changing(c) {
+      changing.push_back(intfId);
+    }
+    ~Changing() { changing.pop_back(); }
+  };
+  while (!retired_) {
+    const IntfViaNexthopMacToNhIndexRequest::Ptr request =
+        allIntfViaNexthopMacToNhIndexRequest_->request(intfId);
+    const Core::Ptr<const NextHopMod> nextHopMod =
+        l3Modules_ ? l3Modules_->nextHopMod(intfId) : nullptr;
+    const IntfViaNexthopMacToNhIndexSm::Ptr existing = machines.sm(intfId);
+    if (existing && existing->intfViaNexthopMacToNhIndexRequest() == request &&
+        existing->nextHopMod() == nextHopMod) {
+      return;
+    }
+    if (!existing && !(request && nextHopMod)) return;
+    const Changing changing(machinesChanging_, intfId);
+    if (existing) {
+      // Built on a request or module that a nested handler removed and replaced before this
+      // stage heard of the removal.
+      machines.smDel(intfId);
+    } else {
+      machines.smIs(intfId, request, nextHopMod, status_);
+    }
+  }
 }
 
 void ViaNexthopMacToNhIndexSm::doCleanup() {
   DUALLOG_TRACE(8, "vrfName : ", vrfName_);
   if (status_) status_->mapDelAll();
+}
+
+void ViaNexthopMacToNhIndexSm::retire() {
+  if (retired_) return;
+  hasNotificationActiveIs(false);
+  retired_ = true;
+  doCleanup();
+  // What the destructor's release of the machines would do next.
+  allIntfViaNexthopMacToNhIndexSm_->smDelAll();
 }
 
 void ViaNexthopMacToNhIndexSm::hasNotificationActiveIs(bool active) {

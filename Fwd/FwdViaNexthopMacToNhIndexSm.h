@@ -83,6 +83,9 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   }
   const Core::Ptr<const NextHopMod>& nextHopMod() const { return nextHopMod_; }
   const ViaNexthopMacToNhIndexMap::Ptr& status() const { return status_; }
+  // For the owner that drops the machine: switches it off and cleans up, after which a handler
+  // of it still running changes neither a group nor a status any more.
+  void retire();
 
   // The nested watchers, one per group of the request, keyed by MAC.
   NestedSm_RequesterColl::Ptr requesterColl(Netval::EthAddr macAddr) const {
@@ -131,6 +134,11 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   // otherwise): what a pass of addStatusHelper or delStatus writes once a handler of one of its
   // writes has changed the group.
   void writeAgain(const RequesterColl& requester, const Netval::IpGenAddr& nexthop);
+  // Writes again, from the group that lists it now, the status of each of `written` that
+  // `requester` no longer lists, and withdraws it when no group does: a nexthop that a handler
+  // of a write moved while no watcher of its groups was there yet (the machine is still
+  // starting) has nobody else to correct what this pass wrote for it.
+  void rewriteMoved(const RequesterColl& requester, const std::vector<Netval::IpGenAddr>& written);
   // Routes a group's arrival or departure in the request to requesterCollIs/requesterCollDel.
   void handleRequesterColl(const Netval::EthAddr& macAddr);
   // getNextHopMacNhIndex for the group's MAC; while the constructor starts the watchers it takes
@@ -141,6 +149,7 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   IntfViaNexthopMacToNhIndexRequest::Ptr intfViaNexthopMacToNhIndexRequest_;
   Core::Ptr<const NextHopMod> nextHopMod_;
   ViaNexthopMacToNhIndexMap::Ptr status_;
+  bool retired_ = false;
   RequesterCollMap requesterColl_{this, requesterCollAttr};
   // Set while the constructor starts the watchers of the groups the table scan has seen.
   bool scanDecided_ = false;
@@ -218,7 +227,8 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
 
   void handleInitialized();
   void handleConfig();
-  // A changed entry is handled as the deletion of the old one, then the addition of the new.
+  // A changed entry is handled as the deletion of the entry applied before, then the addition
+  // of the entry held now.
   void handleConfig(const NexthopIntfId& key);
   void handleAdd(const NexthopToViaNexthopMacMapEntry& entry);
   // Precondition: the entry's interface has a request record holding the entry.
@@ -226,6 +236,10 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
   void handleIntfViaNexthopMacToNhIndexRequest(Netval::IntfId intfId);
   void handleNexthopMod(Netval::IntfId intfId);
   void doCleanup();
+  // For an owner that drops the stage while a handler of it may still be running (the handler
+  // keeps it alive): switches it off, cleans up now, and from then on leaves alone the VRF's status
+  // map, which a successor built for the same VRF writes. The destructor then cleans up nothing.
+  void retire();
 
   // Reaches the per-interface machines too.
   void hasNotificationActiveIs(bool active) override;
@@ -243,12 +257,22 @@ class ViaNexthopMacToNhIndexSm : public Core::Reactor {
                            const Core::Ptr<const L3Modules>& l3Modules,
                            const ViaNexthopMacToNhIndexMap::Ptr& status);
 
+  // Brings the interface's machine in line with its request record and its module as they are
+  // now: built on both while both exist, none otherwise.
+  void machineIs(Netval::IntfId intfId);
+
   L3::VrfName vrfName_;
   Core::Ptr<const NexthopToViaNexthopMacMap> config_;
   Core::Ptr<const L3Modules> l3Modules_;
   ViaNexthopMacToNhIndexMap::Ptr status_;
   AllIntfViaNexthopMacToNhIndexRequest::Ptr allIntfViaNexthopMacToNhIndexRequest_;
   AllIntfViaNexthopMacToNhIndexSm::Ptr allIntfViaNexthopMacToNhIndexSm_;
+  // Applies the changes of `config` through handleDel and handleAdd.
+  StageMapFollower<NexthopToViaNexthopMacMapEntry> follower_;
+  // Set by retire(): no machine is started any more.
+  bool retired_ = false;
+  // Interfaces whose machine machineIs is starting or dropping, innermost last.
+  std::vector<Netval::IntfId> machinesChanging_;
   Core::Slot<ViaNexthopMacToNhIndexSm, NexthopIntfId, &ViaNexthopMacToNhIndexSm::handleConfig>
       configSlot_{this, NexthopToViaNexthopMacMap::mapAttr, config_.get()};
   Core::Slot<ViaNexthopMacToNhIndexSm, Netval::IntfId, &ViaNexthopMacToNhIndexSm::handleNexthopMod>

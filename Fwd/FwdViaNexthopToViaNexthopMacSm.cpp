@@ -47,7 +47,7 @@ ViaNexthopToViaNexthopMacSm::ViaNexthopToViaNexthopMacSm(
 
 ViaNexthopToViaNexthopMacSm::~ViaNexthopToViaNexthopMacSm() {
   hasNotificationActiveIs(false);
-  doCleanup();
+  if (!retired_) doCleanup();
   configSlot_.notifierIs(nullptr);
   // The via slot is already off: dropping the records issues no removeEntry, so the proactive
   // ARP entries of the vias still tracked stay with the platform.
@@ -82,15 +82,16 @@ void ViaNexthopToViaNexthopMacSm::handleInitialized() {
 void ViaNexthopToViaNexthopMacSm::handleConfig() {
   DUALLOG_TRACE(8, "vrfName ", vrfName_);
   if (!config_) return;
-  // By value: the loop body publishes, and stage 1's map does not change under it.
-  for (const NexthopToViaNexthopMapEntry entry : config_->map()) handleAdd(entry);
+  follower_.replay(
+      *config_, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
-void ViaNexthopToViaNexthopMacSm::handleConfig(const NexthopIntfId&) {
-  const auto values = Core::getNotifyValues<NexthopToViaNexthopMapEntry>(
-      config_.get(), NexthopToViaNexthopMap::mapAttr);
-  if (values.oldValue) handleDel(*values.oldValue);
-  if (values.newValue) handleAdd(*values.newValue);
+void ViaNexthopToViaNexthopMacSm::handleConfig(const NexthopIntfId& key) {
+  // The entry this stage applied leaves its via before the entry the map holds now joins its via.
+  follower_.changed(
+      *config_, key, [this](const auto& entry) { handleDel(entry); },
+      [this](const auto& entry) { handleAdd(entry); });
 }
 
 void ViaNexthopToViaNexthopMacSm::handleAdd(const NexthopToViaNexthopMapEntry& mapEntry) {
@@ -102,10 +103,14 @@ void ViaNexthopToViaNexthopMacSm::handleAdd(const NexthopToViaNexthopMapEntry& m
   ViaNexthopRequest::Ptr viaNexthopRequest = allViaNexthopRequests_->viaNexthopRequest(viaKey);
   if (viaNexthopRequest) {
     DUALLOG_TRACE(8, "viaNexthop being tracked already");
-  } else {
+  }
+  // Looked up again after the creation: its handlers may have added and removed the via's last
+  // other requester, and with it the record.
+  while (!viaNexthopRequest) {
     DUALLOG_TRACE(8, "New viaNexthop to track");
     // The creation's notification starts proactive ARP and takes the first MAC decision.
-    viaNexthopRequest = allViaNexthopRequests_->viaNexthopRequestIs(viaKey);
+    allViaNexthopRequests_->viaNexthopRequestIs(viaKey);
+    viaNexthopRequest = allViaNexthopRequests_->viaNexthopRequest(viaKey);
   }
   viaNexthopRequest->addRequester(nexthopIntfId.nexthop());
   // A new requester of a resolved via does not wait for the next neighbour change.
@@ -148,7 +153,7 @@ void ViaNexthopToViaNexthopMacSm::handleViaNexthopRequest(const NexthopIntfId& k
     const Ptr previous = *values.oldValue;
     DUALLOG_TRACE(8, "Deleting via: ", key.nexthop(), " on intf: ", key.intfId(),
                   " to proArp nexthop with arpVrfId ", arpVrfId_);
-    proactiveArpNexthopSm_->removeEntry(nextHopKey, arpVrfId_);
+    if (!retired_) proactiveArpNexthopSm_->removeEntry(nextHopKey, arpVrfId_);
     // A record deleted with requesters still listed must not leave their outdated MAC behind.
     updateStatus(previous, Netval::EthAddr());
   }
@@ -156,7 +161,7 @@ void ViaNexthopToViaNexthopMacSm::handleViaNexthopRequest(const NexthopIntfId& k
     const Ptr created = *values.newValue;
     DUALLOG_TRACE(8, "Adding via: ", key.nexthop(), " on intf: ", key.intfId(),
                   " to proArp nexthop with arpVrfId ", arpVrfId_);
-    proactiveArpNexthopSm_->addEntry(nextHopKey, arpVrfId_);
+    if (!retired_) proactiveArpNexthopSm_->addEntry(nextHopKey, arpVrfId_);
     checkAndUpdateMac(created);
   }
 }
@@ -166,7 +171,9 @@ void ViaNexthopToViaNexthopMacSm::handleNexthopInfo(const Plane::NextHopKey& key
   const Ptr request =
       allViaNexthopRequests_->viaNexthopRequest(NexthopIntfId(key.addr(), key.intfId()));
   if (!request) return;
-  if (isHalfResolved(nextHopInfo(key))) proactiveArpNexthopSm_->doUpdateTriggerResolution(key);
+  if (isHalfResolved(nextHopInfo(key)) && !retired_) {
+    proactiveArpNexthopSm_->doUpdateTriggerResolution(key);
+  }
   checkAndUpdateMac(request);
 }
 
@@ -212,6 +219,13 @@ Netval::EthAddr ViaNexthopToViaNexthopMacSm::publishedMac(const Ptr& request) co
 void ViaNexthopToViaNexthopMacSm::doCleanup() {
   DUALLOG_TRACE(8, "vrfName : ", vrfName_);
   status_->mapDelAll();
+}
+
+void ViaNexthopToViaNexthopMacSm::retire() {
+  if (retired_) return;
+  hasNotificationActiveIs(false);
+  retired_ = true;
+  doCleanup();
 }
 
 void ViaNexthopToViaNexthopMacSm::allViaNexthopRequestsIs() {

@@ -47,7 +47,8 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   void handleInitialized();
   // Feeds every entry of `config` to handleAdd.
   void handleConfig();
-  // One changed key of `config`: the old entry leaves its via before the new one joins its via.
+  // One changed key of `config`: the entry applied before leaves its via before the entry held
+  // now joins its via.
   void handleConfig(const NexthopIntfId& key);
   // Makes the entry's nexthop a requester of its via, tracking the via if it is new.
   void handleAdd(const NexthopToViaNexthopMapEntry& mapEntry);
@@ -65,6 +66,10 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   void updateStatus(const Ptr& request, const Netval::EthAddr& ethAddr);
   // Empties the output map; proactive ARP entries are left to the platform.
   void doCleanup();
+  // For an owner that drops the stage while a handler of it may still be running (the handler
+  // keeps it alive): switches it off, cleans up now, and from then on leaves alone proactive ARP,
+  // which a successor built for the same VRF. The destructor then cleans up nothing.
+  void retire();
 
   // Creates and watches the via collection unless one is held.
   void allViaNexthopRequestsIs();
@@ -102,6 +107,10 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   Core::Ptr<NexthopToViaNexthopMacMap> status_;
   Vrf::VrfIdMap::VrfId arpVrfId_ = invalidArpVrfId;
   AllViaNexthopRequests::Ptr allViaNexthopRequests_;
+  // Set by retire(): proactive ARP entries belong to whoever runs the VRF now.
+  bool retired_ = false;
+  // Applies the changes of `config` through handleDel and handleAdd.
+  StageMapFollower<NexthopToViaNexthopMapEntry> follower_;
 
   Core::Slot<ViaNexthopToViaNexthopMacSm, NexthopIntfId, &ViaNexthopToViaNexthopMacSm::handleConfig>
       configSlot_{this, NexthopToViaNexthopMap::mapAttr, config_.get()};

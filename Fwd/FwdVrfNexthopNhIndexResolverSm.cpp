@@ -27,11 +27,17 @@ const Core::Ptr<Stage>& replaceStage(Core::Ptr<Stage>& held, Build build) {
   return held;
 }
 
-// Switches the stage off before releasing it, so that it does not react to what the release of
-// the other stages changes.
+// Switches the stage off and has it clean up before releasing it, so that it does not react to
+// what the release of the other stages changes, and so that a handler of it still running (which
+// keeps it alive past the release) touches nothing that a successor pipeline writes.
+template <class Stage>
+void retireStage(const Core::Ptr<Stage>& held) {
+  if (held) held->retire();
+}
+
 template <class Stage>
 void releaseStage(Core::Ptr<Stage>& held) {
-  if (held) held->hasNotificationActiveIs(false);
+  retireStage(held);
   held = nullptr;
 }
 
@@ -128,6 +134,13 @@ VrfNexthopNhIndexResolverSm::~VrfNexthopNhIndexResolverSm() {
   nexthopToViaNexthopSmDel();
   viaNexthopToViaNexthopMacSmDel();
   viaNexthopMacToNhIndexSmDel();
+}
+
+void VrfNexthopNhIndexResolverSm::retire() {
+  hasNotificationActiveIs(false);
+  retireStage(nexthopToViaNexthopSm_);
+  retireStage(viaNexthopToViaNexthopMacSm_);
+  retireStage(viaNexthopMacToNhIndexSm_);
 }
 
 const Core::Ptr<NexthopToViaNexthopMap>& VrfNexthopNhIndexResolverSm::nexthopToViaNexthopMapIs() {

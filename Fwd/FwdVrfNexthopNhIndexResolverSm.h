@@ -37,9 +37,13 @@ class VrfNexthopNhIndexResolverSm : public Core::Reactor {
       Core::Ptr<Plane::ProactiveArpNexthopSm> proactiveArpNexthopSm,
       Core::Ptr<Hub::TaskScheduler> scheduler, Core::Ptr<ViaNexthopMacToNhIndexMap> status);
 
-  // Switches itself and its stages off, releases the maps, then stages 1, 2 and 3, then the
-  // inputs: no stage sees the clean-up of another.
+  // Switches itself and its stages off, releases the maps, then stages 1, 2 and 3 (each retired
+  // as it goes), then the inputs: no stage sees the clean-up of another.
   ~VrfNexthopNhIndexResolverSm() override;
+  // Switches itself and its stages off and retires stages 1, 2 and 3 in turn, which clean up;
+  // they stay held until the pipeline goes. For an owner that drops the pipeline while a
+  // handler may still hold it: what the pipeline wrote is gone once this returns.
+  void retire();
 
   const L3::VrfName& vrfName() const { return vrfName_; }
   const Core::Ptr<const NexthopIntfIdColl>& config() const { return config_; }
@@ -85,7 +89,8 @@ class VrfNexthopNhIndexResolverSm : public Core::Reactor {
 
   // The stage setters keep a held stage built from the same arguments (VRF name equal, every
   // reference the same object); otherwise they build a new one through its factory, store it,
-  // and only then release the previous one. The deleters switch the stage off, then release it.
+  // and only then release the previous one. The deleters retire the stage (switched off and
+  // cleaned up), then release it.
   const Core::Ptr<NexthopToViaNexthopSm>& nexthopToViaNexthopSmIs(
       const L3::VrfName& vrfName, const Core::Ptr<const NexthopIntfIdColl>& config,
       const Core::Ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig,

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
+#include "support/ChangeRecorder.h"
 #include "support/FwdTestValues.h"
 #include "support/ResolverFixture.h"
 #include "support/TraceCapture.h"
@@ -106,6 +107,36 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest, LosingRoutingVrfStatusDropsPipelin
             rootText("handleNexthopVrfStatus", "nexthopVrfStatus created for vrf: red"));
   EXPECT_TRUE(pipeline("red"));
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+}
+
+TEST_F(NexthopNhIndexResolverSmReadinessTest, VrfBouncedFromInsideAStatusNotificationEndsWithEveryStatusPublished) {
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  resolvableIs("10.0.1.1", "Ethernet2", "10.0.1.254", 101, "00:00:00:00:00:bb", 6);
+  vrfL3StatusIs("red", 1);
+  tracked("red");
+  ASSERT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  // A client of the statuses that sees the next one and takes the VRF down and up again while
+  // the pipeline's stages are still publishing it.
+  bool bounced = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey&) {
+    if (bounced) return;
+    bounced = true;
+    vrfL3StatusDel("red");
+    vrfL3StatusIs("red", 1);
+  };
+
+  configDir->configIs(key("red", "10.0.1.1", "Ethernet2"));
+  resolver.run();
+  resolver.run();
+
+  ASSERT_TRUE(bounced);
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
+  EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.1.1")));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  EXPECT_EQ(publishedNhIndex("red", "10.0.1.1", "Ethernet2"), 6u);
 }
 
 TEST_F(NexthopNhIndexResolverSmReadinessTest, RepeatedReadyNotificationKeepsRunningPipeline) {

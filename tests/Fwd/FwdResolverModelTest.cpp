@@ -20,7 +20,8 @@
 
 // Randomized model-based test of the whole resolver (support/ResolverModel.h): random host
 // changes, with the oracle checking the statuses and the proactive ARP entries after every step,
-// plainly and in the re-entrant mode.
+// plainly and in the re-entrant mode, where some changes (any but a restart) are made from inside
+// the module's notifications.
 //
 //   FWD_MODEL_SEEDS=N  number of seeds (1..N), default 3
 //   FWD_MODEL_STEPS=N  steps per seed, default 3000

@@ -189,6 +189,32 @@ TEST_F(ViaNexthopMacToNhIndexSmTest, MacChangeOfEntryMovesNexthopToNewGroup) {
                              "Ethernet1"));
 }
 
+TEST_F(ViaNexthopMacToNhIndexSmTest, EntryDeletedWhileItsMacChangeIsHandledLeavesNoRequest) {
+  NextHopMod::Ptr module = moduleIs("Ethernet1");
+  module->nhIndexToMacIs(5, mac(kMacA));
+  module->nhIndexToMacIs(6, mac(kMacB));
+  start();
+  requestIs("10.0.0.1", "Ethernet1", kMacA);
+  ASSERT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}}));
+  // A client of the status map that sees the status withdrawn for the old MAC and has stage 2
+  // drop the entry, so that the deletion is delivered while the MAC change is still handled.
+  bool deleted = false;
+  auto client =
+      TestSupport::recordChanges<NexthopIntfId>(status.get(), ViaNexthopMacToNhIndexMap::mapAttr);
+  client->onChange = [&](const NexthopIntfId&) {
+    if (deleted) return;
+    deleted = true;
+    requestDel("10.0.0.1", "Ethernet1");
+  };
+
+  requestIs("10.0.0.1", "Ethernet1", kMacB);
+
+  ASSERT_TRUE(deleted);
+  EXPECT_THAT(statuses(), IsEmpty());
+  EXPECT_EQ(request("Ethernet1"), nullptr);
+  EXPECT_EQ(machine("Ethernet1"), nullptr);
+}
+
 TEST_F(ViaNexthopMacToNhIndexSmTest, StartClearsOldStatusThenReplaysConfig) {
   moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
   status->mapIs(ViaNexthopMacToNhIndexMapEntry(nhIntf("10.0.0.1", "Ethernet1"), 99));
@@ -218,6 +244,32 @@ TEST_F(ViaNexthopMacToNhIndexSmTest, RepeatedModuleNotificationKeepsMachine) {
   EXPECT_EQ(machine("Ethernet1"), first);
   // No new machine: its start would have traced.
   EXPECT_EQ(trace.count(kMachine + "handleInitialized()"), 0u);
+}
+
+TEST_F(ViaNexthopMacToNhIndexSmTest, ModuleReplacedBeforeStageHearsOfItsRemovalGetsANewMachine) {
+  moduleIs("Ethernet1")->nhIndexToMacIs(5, mac(kMacA));
+  NextHopMod::Ptr replacement = NextHopMod::NextHopModIs(intf("Ethernet1"));
+  replacement->nhIndexToMacIs(7, mac(kMacA));
+  // An engine client, subscribed before the stage, that hears of the removal first and hands a
+  // new module over: the stage hears of the new module before it hears of the removal.
+  bool replaced = false;
+  auto client =
+      TestSupport::recordChanges<Netval::IntfId>(l3Modules.get(), L3Modules::nextHopModAttr);
+  client->onChange = [&](const Netval::IntfId&) {
+    if (replaced) return;
+    replaced = true;
+    l3Modules->nextHopModIs(replacement);
+  };
+  start();
+  requestIs("10.0.0.1", "Ethernet1", kMacA);
+  ASSERT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 5}}));
+
+  l3Modules->nextHopModDel(intf("Ethernet1"));
+
+  ASSERT_TRUE(replaced);
+  ASSERT_NE(machine("Ethernet1"), nullptr);
+  EXPECT_EQ(machine("Ethernet1")->nextHopMod().get(), replacement.get());
+  EXPECT_EQ(statuses(), (StatusMap{{"10.0.0.1 Ethernet1", 7}}));
 }
 
 TEST_F(ViaNexthopMacToNhIndexSmTest, ModuleOfInterfaceWithoutRequestStartsNothing) {

@@ -740,6 +740,32 @@ TEST(ViaNexthopToViaNexthopMacSm, NeighbourResolvedDuringWithdrawalLeavesEveryRe
   }
 }
 
+TEST(ViaNexthopToViaNexthopMacSm, NexthopDeletedWhileItsMoveIsHandledIsLeftWithoutVia) {
+  Host host;
+  Stage red(host);
+  host.neighbourIs(kViaA, kL2, kMac1);
+  host.neighbourIs(kViaB, kL2, kMac2);
+  red.start();
+  red.viaIs("10.0.0.1", kViaA);
+  ASSERT_TRUE(red.hasOutput("10.0.0.1"));
+  // A client of the output that sees the entry leave via A and has stage 1 drop the nexthop, so
+  // that the deletion is delivered while the move to via B is still being handled.
+  bool deleted = false;
+  red.outputChanges->onChange = [&](const NexthopIntfId&) {
+    if (deleted) return;
+    deleted = true;
+    red.viaDel("10.0.0.1");
+  };
+
+  red.viaIs("10.0.0.1", kViaB);
+
+  ASSERT_TRUE(deleted);
+  EXPECT_FALSE(red.hasOutput("10.0.0.1"));
+  EXPECT_EQ(red.sm->allViaNexthopRequests()->viaNexthopRequestCount(), 0u);
+  EXPECT_FALSE(host.clientConfig->entryHas(arpEntry(kViaA)));
+  EXPECT_FALSE(host.clientConfig->entryHas(arpEntry(kViaB)));
+}
+
 TEST(ViaNexthopToViaNexthopMacSmDeathTest, VrfWithoutPlaneIdAsserts) {
   Host host;
   auto viaMap = nexthopToViaNexthopMapFactory();

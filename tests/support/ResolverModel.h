@@ -132,27 +132,13 @@ class Run {
     nestedLeft_ = reentrant_ && choices_->chance(60) ? 1 + choices_->below(3) : 0;
 
     const uint32_t roll = choices_->below(100);
-    if (roll < 22) {
-      requestToggle();
-    } else if (roll < 32) {
-      routeChange();
-    } else if (roll < 42) {
-      fecChange();
-    } else if (roll < 60) {
-      neighbourChange();
-    } else if (roll < 78) {
-      nhIndexChange();
-    } else if (roll < 84) {
-      moduleToggle();
-    } else if (roll < 92) {
-      vrfToggle();
-    } else if (roll < 94) {
+    if (roll >= kRestartRolls.first && roll < kRestartRolls.second) {
       nestedLeft_ = 0;
       std::string failure = restart();
       if (!failure.empty()) return failure;
       restarted = true;
     } else {
-      requestToggle();
+      hostChange(roll);
     }
     world_.settle();
     nestedLeft_ = 0;
@@ -168,6 +154,30 @@ class Run {
   }
 
  private:
+  // The rolls of a step that restart the module; every other roll of 0..99 is a host change.
+  static constexpr std::pair<uint32_t, uint32_t> kRestartRolls{92, 94};
+
+  // One change of the host, chosen by a roll of 0..99 outside kRestartRolls.
+  void hostChange(uint32_t roll) {
+    if (roll < 22) {
+      requestToggle();
+    } else if (roll < 32) {
+      routeChange();
+    } else if (roll < 42) {
+      fecChange();
+    } else if (roll < 60) {
+      neighbourChange();
+    } else if (roll < 78) {
+      nhIndexChange();
+    } else if (roll < 84) {
+      moduleToggle();
+    } else if (roll < kRestartRolls.first) {
+      vrfToggle();
+    } else {
+      requestToggle();
+    }
+  }
+
   // Subscribes the re-entrant host to the module's outputs.
   void watchOutputs() {
     statusWatch_ = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
@@ -185,9 +195,8 @@ class Run {
     --nestedLeft_;
     ++nestedDepth_;
     log_("from inside a module notification (depth " + std::to_string(nestedDepth_) + "):");
-    // Changes of the engine's next-hop tables: what the status writers of the last stage meet.
-    const IntfId intf = choices_->pick(u_.intfs);
-    if (world_.l3Modules->nextHopModHas(intf)) nhIndexChange(intf);
+    // Any change of the host but a restart, which drops the module whose handler is running.
+    hostChange(choices_->below(kRestartRolls.first));
     --nestedDepth_;
   }
 
