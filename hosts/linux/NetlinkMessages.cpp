@@ -349,11 +349,18 @@ std::optional<Message> parseMessage(const nlmsghdr* nlh) {
 }
 
 void forEachMessage(const void* buf, size_t len, const std::function<void(const nlmsghdr*)>& fn) {
-  auto* nlh = static_cast<const nlmsghdr*>(buf);
-  int remaining = static_cast<int>(len);
-  while (mnl_nlmsg_ok(nlh, remaining)) {
+  // Checked here rather than with mnl_nlmsg_ok, which compares the length as a signed int and so
+  // takes a length of 0xffffffff for one that fits.
+  const auto* at = static_cast<const char*>(buf);
+  size_t remaining = len;
+  while (remaining >= sizeof(nlmsghdr)) {
+    const auto* nlh = reinterpret_cast<const nlmsghdr*>(at);
+    if (nlh->nlmsg_len < sizeof(nlmsghdr) || nlh->nlmsg_len > remaining) break;
     fn(nlh);
-    nlh = mnl_nlmsg_next(nlh, &remaining);
+    const size_t step = NLMSG_ALIGN(static_cast<size_t>(nlh->nlmsg_len));
+    if (step >= remaining) return;
+    at += step;
+    remaining -= step;
   }
   if (remaining > 0) {
     throw NetlinkError("truncated netlink message (" + std::to_string(remaining) +

@@ -216,6 +216,21 @@ TEST(NetlinkMessages, TruncatedBuffersAreRefused) {
   EXPECT_THAT(refusal("short-header.bin"), HasSubstr("shorter than its header"));
 }
 
+TEST(NetlinkMessages, ALengthPastTheBufferIsRefusedEvenWhenItWrapsAsSigned) {
+  // A good message, then a header whose length reads as -1 when taken as a signed int.
+  std::vector<char> buf = dataFile("link-veth.bin");
+  const size_t good = buf.size();
+  buf.resize(good + sizeof(nlmsghdr) + 8, '\0');
+  nlmsghdr bad{};
+  bad.nlmsg_len = 0xffffffffu;
+  bad.nlmsg_type = RTM_NEWLINK;
+  std::memcpy(buf.data() + good, &bad, sizeof bad);
+  size_t seen = 0;
+  EXPECT_THROW(forEachMessage(buf.data(), buf.size(), [&](const nlmsghdr*) { ++seen; }),
+               NetlinkError);
+  EXPECT_EQ(seen, 1u);
+}
+
 TEST(NetlinkMessages, MalformedAttributesAreRefused) {
   EXPECT_EQ(refusal("bad-attribute-length.bin"),
             "route message: attribute 4 has a bad payload of 2 bytes");
