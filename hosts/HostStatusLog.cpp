@@ -8,6 +8,29 @@ std::string keyText(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
   return key.vrfName().str() + " " + key.nexthop().toString() + " " + key.intfId().name();
 }
 
+Json keyJson(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
+  return {{"vrf", key.vrfName().str()},
+          {"nexthop", key.nexthop().toString()},
+          {"interface", key.intfId().name()}};
+}
+
+StatusStamp virtualTimeStamp(uint64_t ms) { return {std::to_string(ms) + "ms", "timeMs", ms}; }
+
+std::string statusLine(const StatusChange& change, const StatusStamp& stamp, OutputFormat format) {
+  static constexpr const char* kEvents[] = {"add", "change", "del"};
+  const char* event = kEvents[static_cast<size_t>(change.kind)];
+  const bool del = change.kind == StatusChange::Kind::del;
+  if (format == OutputFormat::json) {
+    Json line = {{stamp.field, stamp.value}, {"event", event}};
+    line.update(keyJson(change.key));
+    if (!del) line["nhIndex"] = change.nhIndex;
+    return line.dump();
+  }
+  std::string line = "[" + stamp.text + "] status " + event + " " + keyText(change.key);
+  if (!del) line += " nhIndex " + std::to_string(change.nhIndex);
+  return line;
+}
+
 StatusLog::Ptr StatusLog::StatusLogIs(
     Core::Ptr<const FwdL3Unicast::NexthopNhIndexResolverStatusDir> statusDir,
     Core::Ptr<const Hub::TaskScheduler> scheduler, Sink sink) {
@@ -30,14 +53,13 @@ void StatusLog::handleStatus(const FwdL3Unicast::NexthopNhIndexResolverKey& key)
   const Status* newValue =
       values.present ? values.newValue : (statusDir_->statusHas(key) ? &current : nullptr);
   const bool added = values.present ? values.oldValue == nullptr : true;
-  std::string line = "[" + std::to_string(scheduler_->now()) + "ms] status ";
-  if (!newValue) {
-    line += "del " + keyText(key);
-  } else {
-    line += std::string(added ? "add " : "change ") + keyText(key) + " nhIndex " +
-            std::to_string(newValue->nhIndex());
+  StatusChange change{StatusChange::Kind::del, key, 0};
+  if (newValue) {
+    change.kind = added ? StatusChange::Kind::add : StatusChange::Kind::change;
+    change.nhIndex = newValue->nhIndex();
   }
-  sink_(line);
+  const StatusStamp stamp = stamper_ ? stamper_() : virtualTimeStamp(scheduler_->now());
+  sink_(statusLine(change, stamp, format_));
 }
 
 }  // namespace Hosts

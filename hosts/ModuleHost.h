@@ -45,6 +45,9 @@ class ModuleHost {
   void restart();
 
   void statusSinkIs(StatusLog::Sink sink) { statusLog_->sinkIs(std::move(sink)); }
+  void statusFormatIs(OutputFormat format) { statusLog_->formatIs(format); }
+  // How status lines are stamped; null for the scheduler's time in milliseconds.
+  void statusStamperIs(StatusLog::Stamper stamper) { statusLog_->stamperIs(std::move(stamper)); }
 
   Time now() const { return inputs_.scheduler->now(); }
   // Runs every task due at the current time, including those they queue for it.

@@ -13,8 +13,10 @@
 #include <vector>
 
 #include "framework/Kiln.h"
+#include "hosts/ControlCommands.h"
 #include "hosts/HostError.h"
 #include "hosts/HostExplain.h"
+#include "hosts/RequestFile.h"
 
 namespace Sim {
 
@@ -31,20 +33,8 @@ struct InputError : HostError {
 };
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
-
-std::vector<std::string_view> tokens(std::string_view line) {
-  line = line.substr(0, line.find('#'));
-  std::vector<std::string_view> out;
-  size_t pos = 0;
-  while (true) {
-    pos = line.find_first_not_of(" \t\r", pos);
-    if (pos == std::string_view::npos) break;
-    const size_t end = std::min(line.find_first_of(" \t\r", pos), line.size());
-    out.push_back(line.substr(pos, end - pos));
-    pos = end;
-  }
-  return out;
-}
+// Preferred over std::quoted, which argument-dependent lookup finds for a std::string.
+std::string quoted(const std::string& text) { return quoted(std::string_view(text)); }
 
 L3::VrfName vrfName(std::string_view text) {
   if (text.size() > L3::VrfName::maxLength()) {
@@ -319,7 +309,7 @@ std::string Scenario::unknownCommand(const std::vector<std::string_view>& words)
 
 Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view file,
                                        size_t lineNo) {
-  std::vector<std::string_view> words = tokens(line);
+  std::vector<std::string_view> words = Hosts::lineWords(line);
   if (words.empty()) return LineResult::ok;
   const std::string place = std::string(file) + ":" + std::to_string(lineNo) + ": ";
   const Command* found = command(words);
@@ -516,12 +506,7 @@ void Scenario::cmdRestart(Args& args) {
 
 void Scenario::cmdShowStatus(Args& args) {
   args.end();
-  std::map<FwdL3Unicast::NexthopNhIndexResolverKey, uint32_t> sorted;
-  for (const auto& status : host_.statusDir()->status()) sorted[status.key()] = status.nhIndex();
-  if (sorted.empty()) out_ << "no statuses\n";
-  for (const auto& [key, nhIndex] : sorted) {
-    out_ << "status " << keyText(key) << " nhIndex " << nhIndex << '\n';
-  }
+  out_ << Hosts::statusesText(host_);
 }
 
 void Scenario::cmdShowArp(Args& args) {
@@ -544,54 +529,19 @@ void Scenario::cmdShowArp(Args& args) {
 
 void Scenario::cmdShowRoutes(Args& args) {
   args.end();
-  bool any = false;
-  for (const auto& [vrf, table] : host_.routing()->routes()) {
-    for (const auto& [prefix, route] : table) {
-      any = true;
-      out_ << "route " << vrf << " " << prefix.toString() << " fec " << route.fecId;
-      for (const Memtab::FibGen::Via& via : route.vias) {
-        if (!via.hop().isAddrZero()) out_ << " via " << via.hop();
-        out_ << " dev " << via.intfId();
-      }
-      out_ << '\n';
-    }
-  }
-  if (!any) out_ << "no routes\n";
+  out_ << Hosts::routesText(host_);
 }
 
 void Scenario::cmdShowNeigh(Args& args) {
   args.end();
-  std::map<Plane::NextHopKey, Plane::NextHopInfo> sorted;
-  for (const auto& entry : host_.nextHopInfoWrapper()->nextHopInfo())
-    sorted[entry.key] = entry.value;
-  if (sorted.empty()) out_ << "no neighbours\n";
-  for (const auto& [key, info] : sorted) {
-    out_ << "neigh " << key.intfId() << " " << key.addr() << " lladdr " << info.ethAddr() << " l2 "
-         << (info.l2Intf().empty() ? "none" : info.l2Intf().name()) << '\n';
-  }
+  out_ << Hosts::neighboursText(host_);
 }
 
 void Scenario::cmdShowNhTable(Args& args) {
   std::optional<Netval::IntfId> only;
   if (args.more()) only = interface(args.next("INTF"));
   args.end();
-  if (only && !host_.l3Modules()->nextHopModHas(*only)) {
-    throw HostError("interface " + only->name() + " has no next-hop table");
-  }
-  std::map<Netval::IntfId, std::map<uint32_t, Netval::EthAddr>> sorted;
-  for (const auto& module : host_.l3Modules()->nextHopMod()) {
-    if (only && module->intfId() != *only) continue;
-    auto& table = sorted[module->intfId()];
-    for (const auto& entry : module->nhIndexToMac()) table[entry.key] = entry.value;
-  }
-  if (sorted.empty()) out_ << "no next-hop tables\n";
-  for (const auto& [intfId, table] : sorted) {
-    out_ << "nh-table " << intfId << ": " << table.size() << " nhIndex"
-         << (table.size() == 1 ? "" : "es") << '\n';
-    for (const auto& [nhIndex, ethAddr] : table) {
-      out_ << "  nhindex " << nhIndex << " " << ethAddr << '\n';
-    }
-  }
+  out_ << Hosts::nhTablesText(host_, only);
 }
 
 void Scenario::cmdShowDump(Args& args) {
