@@ -22,6 +22,7 @@
 
 #include "hosts/linux/ControlSocket.h"
 #include "hosts/linux/NetlinkMessages.h"
+#include "support/ChildProcess.h"
 #include "support/TestNetns.h"
 
 // nexthop-agent as a process against a real kernel, inside namespaces the tests make: a host
@@ -34,126 +35,10 @@ using TestSupport::TestNetns;
 
 constexpr int kWaitMs = 5000;
 
+using TestSupport::ChildProcess;
+using TestSupport::Finished;
+using TestSupport::msLeft;
 using Clock = std::chrono::steady_clock;
-
-int msLeft(Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
-}
-
-// What a program printed and how it ended.
-struct Finished {
-  int status = -1;  // exit status, -1 when killed or not ended in time
-  std::string out;
-  std::string err;
-};
-
-// A child process with its standard output and error on pipes.
-class Process {
- public:
-  explicit Process(const std::vector<std::string>& argv) {
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork");
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      dup2(err[1], STDERR_FILENO);
-      std::vector<char*> args;
-      for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-      args.push_back(nullptr);
-      execv(args[0], args.data());
-      _exit(127);
-    }
-    close(out[1]);
-    close(err[1]);
-    outFd_ = out[0];
-    errFd_ = err[0];
-  }
-  ~Process() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    close(outFd_);
-    close(errFd_);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  // Reads standard output until a complete line satisfies `match` or `timeoutMs` passes; every
-  // line read stays in lines().
-  bool waitLine(const std::function<bool(const std::string&)>& match, int timeoutMs = kWaitMs) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    size_t checked = 0;
-    while (true) {
-      for (; checked < lines_.size(); ++checked) {
-        if (match(lines_[checked])) return true;
-      }
-      if (!readSome(outFd_, outText_, msLeft(deadline))) return false;
-      splitLines();
-    }
-  }
-  // Waits until `count` lines satisfy `match`.
-  bool waitLines(const std::function<bool(const std::string&)>& match, size_t count) {
-    size_t seen = 0;
-    return waitLine([&](const std::string& line) { return match(line) && ++seen == count; });
-  }
-  const std::vector<std::string>& lines() const { return lines_; }
-
-  void signal(int sig) const { kill(pid_, sig); }
-
-  // Waits for the exit, reading what is left of both streams; kills it after `timeoutMs`.
-  Finished finish(int timeoutMs = kWaitMs) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    std::string err;
-    bool outOpen = true;
-    bool errOpen = true;
-    while ((outOpen || errOpen) && msLeft(deadline) > 0) {
-      pollfd fds[2] = {{outOpen ? outFd_ : -1, POLLIN, 0}, {errOpen ? errFd_ : -1, POLLIN, 0}};
-      if (poll(fds, 2, msLeft(deadline)) <= 0) break;
-      if (fds[0].revents != 0) outOpen = readSome(outFd_, outText_, 0);
-      if (fds[1].revents != 0) errOpen = readSome(errFd_, err, 0);
-    }
-    splitLines();
-    Finished done;
-    int status = 0;
-    if (outOpen || errOpen) kill(pid_, SIGKILL);
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    if (WIFEXITED(status) && !outOpen && !errOpen) done.status = WEXITSTATUS(status);
-    for (const auto& line : lines_) done.out += line + '\n';
-    done.out += outText_;
-    done.err = err;
-    return done;
-  }
-
- private:
-  // Appends what `fd` has within `waitMs`; false at its end or when nothing came in time.
-  static bool readSome(int fd, std::string& into, int waitMs) {
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, waitMs) <= 0) return false;
-    char buf[4096];
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) return false;
-    into.append(buf, static_cast<size_t>(n));
-    return true;
-  }
-  void splitLines() {
-    size_t end;
-    while ((end = outText_.find('\n')) != std::string::npos) {
-      lines_.push_back(outText_.substr(0, end));
-      outText_.erase(0, end + 1);
-    }
-  }
-
-  pid_t pid_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
-  std::string outText_;
-  std::vector<std::string> lines_;
-};
 
 // Runs a command and returns what it printed on standard output.
 std::string capture(const std::string& command) {
@@ -198,14 +83,14 @@ class NexthopAgentTest : public ::testing::Test {
   }
   std::string socketPath() const { return dir_ + "/control.sock"; }
 
-  Process& startAgent(std::vector<std::string> args) {
+  ChildProcess& startAgent(std::vector<std::string> args) {
     args.insert(args.begin(), {NEXTHOP_AGENT, "--netns", h_->name()});
-    agent_ = std::make_unique<Process>(args);
+    agent_ = std::make_unique<ChildProcess>(args);
     return *agent_;
   }
   // The agent as a control client.
   Finished client(const std::string& command) {
-    Process c({NEXTHOP_AGENT, "--socket", socketPath(), "-c", command});
+    ChildProcess c({NEXTHOP_AGENT, "--socket", socketPath(), "-c", command});
     return c.finish();
   }
   // Waits until the control socket answers.
@@ -244,7 +129,7 @@ class NexthopAgentTest : public ::testing::Test {
   std::unique_ptr<TestNetns> h_;
   std::unique_ptr<TestNetns> p_;
   std::string dir_;
-  std::unique_ptr<Process> agent_;
+  std::unique_ptr<ChildProcess> agent_;
 };
 
 bool statusAdd(const std::string& line) { return line.find("] status add ") != std::string::npos; }
@@ -253,7 +138,7 @@ TEST_F(NexthopAgentTest, StatusStreamInTextWithWallClockStamps) {
   h_->ip("nexthop add id 17 via 192.0.2.2 dev h0");
   const std::string requests =
       file("requests", "# two requests\ndefault 203.0.113.1 h0\n\ndefault 203.0.113.2 h0\n");
-  Process& agent = startAgent({"--requests", requests});
+  ChildProcess& agent = startAgent({"--requests", requests});
   ASSERT_TRUE(agent.waitLines(statusAdd, 2));
   const std::regex line(
       R"(\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\] status add default 203\.0\.113\.[12] h0 nhIndex 17)");
@@ -269,7 +154,7 @@ TEST_F(NexthopAgentTest, StatusStreamInTextWithWallClockStamps) {
 
 TEST_F(NexthopAgentTest, StatusStreamInJson) {
   h_->ip("nexthop add id 17 via 192.0.2.2 dev h0");
-  Process& agent = startAgent({"--json", "--requests", file("r", "default 203.0.113.1 h0\n")});
+  ChildProcess& agent = startAgent({"--json", "--requests", file("r", "default 203.0.113.1 h0\n")});
   ASSERT_TRUE(agent.waitLine([](const std::string& l) { return !l.empty(); }));
   const auto doc = nlohmann::json::parse(agent.lines().front());
   EXPECT_EQ(doc.at("event"), "add");
@@ -300,7 +185,7 @@ TEST_F(NexthopAgentTest, BadRequestFileIsRefusedWithEveryLineBeforeStarting) {
                                     "default 203.0.113.1 h0\n"
                                     "default 203.0.113.2\n");
   // A namespace that does not exist: the agent must stop before it would open it.
-  Process agent({NEXTHOP_AGENT, "--netns", h_->name() + "-absent", "--requests", requests});
+  ChildProcess agent({NEXTHOP_AGENT, "--netns", h_->name() + "-absent", "--requests", requests});
   const Finished done = agent.finish();
   EXPECT_EQ(done.status, 2);
   EXPECT_EQ(done.out, "");
@@ -311,7 +196,7 @@ TEST_F(NexthopAgentTest, BadRequestFileIsRefusedWithEveryLineBeforeStarting) {
 }
 
 TEST_F(NexthopAgentTest, MissingRequestFileIsRefused) {
-  Process agent({NEXTHOP_AGENT, "--netns", h_->name(), "--requests", dir_ + "/none"});
+  ChildProcess agent({NEXTHOP_AGENT, "--netns", h_->name(), "--requests", dir_ + "/none"});
   const Finished done = agent.finish();
   EXPECT_EQ(done.status, 2);
   EXPECT_EQ(done.err, "cannot open request file " + dir_ + "/none: No such file or directory\n");
@@ -319,7 +204,7 @@ TEST_F(NexthopAgentTest, MissingRequestFileIsRefused) {
 
 TEST_F(NexthopAgentTest, ControlSocketAnswersEveryCommand) {
   h_->ip("nexthop add id 17 via 192.0.2.2 dev h0");
-  Process& agent = startAgent({"--socket", socketPath()});
+  ChildProcess& agent = startAgent({"--socket", socketPath()});
   ASSERT_TRUE(socketUp());
   struct stat info {};
   ASSERT_EQ(stat(socketPath().c_str(), &info), 0);
@@ -369,7 +254,7 @@ TEST_F(NexthopAgentTest, RefusedCommandsExitTwoAndNeverReachTheModule) {
   EXPECT_NE(client("show dump").out.find("      config: #0\n"), std::string::npos);
   EXPECT_EQ(client("show status").out, "no statuses\n");
   // No server there: the client says so and fails.
-  Process none({NEXTHOP_AGENT, "--socket", dir_ + "/none.sock", "-c", "show status"});
+  ChildProcess none({NEXTHOP_AGENT, "--socket", dir_ + "/none.sock", "-c", "show status"});
   EXPECT_EQ(none.finish().status, 1);
 }
 
@@ -400,7 +285,7 @@ TEST_F(NexthopAgentTest, ClientsOneAfterAnotherAndOneLeavingMidLine) {
 
 TEST_F(NexthopAgentTest, SigtermRemovesProgrammedNexthopsAndManagedNeighbours) {
   // No nexthop object of its own: the agent programs one from the given range.
-  Process& agent = startAgent(
+  ChildProcess& agent = startAgent(
       {"--program-nexthops", "5000-5999", "--requests", file("r", "default 203.0.113.1 h0\n")});
   ASSERT_TRUE(agent.waitLine(statusAdd));
   const std::string line = agent.lines().front();
@@ -418,7 +303,7 @@ TEST_F(NexthopAgentTest, SigtermRemovesProgrammedNexthopsAndManagedNeighbours) {
 }
 
 TEST_F(NexthopAgentTest, ProgramNexthopsWithoutRangeUsesTheDefaultRange) {
-  Process& agent =
+  ChildProcess& agent =
       startAgent({"--requests", file("r", "default 203.0.113.1 h0\n"), "--program-nexthops"});
   ASSERT_TRUE(agent.waitLine(statusAdd));
   EXPECT_NE(agent.lines().front().find(" nhIndex 1000000"), std::string::npos)
@@ -435,7 +320,7 @@ TEST_F(NexthopAgentTest, BadOptionsAreRefused) {
         {"--bogus"}}) {
     std::vector<std::string> argv{NEXTHOP_AGENT, "--netns", h_->name()};
     argv.insert(argv.end(), args.begin(), args.end());
-    Process agent(argv);
+    ChildProcess agent(argv);
     const Finished done = agent.finish();
     EXPECT_EQ(done.status, 2) << args.front();
     EXPECT_EQ(done.err.rfind("nexthop-agent: ", 0), 0u) << done.err;
@@ -475,7 +360,7 @@ TEST_F(NexthopAgentTest, VrfInItsOwnNamespace) {
   blue.vethTo(peer, "b0", "198.51.100.1/24", "bp0", "198.51.100.2/24");
   blue.ip("route add 203.0.113.0/24 via 198.51.100.2 dev b0");
   blue.ip("nexthop add id 41 via 198.51.100.2 dev b0");
-  Process& agent = startAgent(
+  ChildProcess& agent = startAgent(
       {"--vrf", "blue=" + blue.name(), "--requests", file("r", "blue 203.0.113.1 b0\n")});
   ASSERT_TRUE(agent.waitLine(statusAdd));
   EXPECT_NE(agent.lines().front().find("] status add blue 203.0.113.1 b0 nhIndex 41"),
