@@ -244,9 +244,7 @@ int main(int argc, char** argv) {
                  "keep a nexthop object per via proactive ARP keeps, ids in FIRST-LAST "
                  "(default 1000000-1999999)")
       ->option_text("[FIRST-LAST]")
-      ->expected(0, 1)
-      ->each([&options](const std::string&) { options.program = true; })
-      ->trigger_on_parse();
+      ->expected(0, 1);
   app.add_option("--fec-mode", options.fecMode, "the FIB's FEC mode: 1 per VRF, 2 global")
       ->check(CLI::IsMember({1, 2}))
       ->option_text("1|2");
@@ -266,8 +264,8 @@ int main(int argc, char** argv) {
     std::cerr << "nexthop-agent: " << e.what() << '\n' << "usage: see nexthop-agent --help\n";
     return kUsageError;
   }
-  // CLI11 runs `each` only for a value; an option given bare still turns programming on.
-  if (app.count("--program-nexthops") > 0) options.program = true;
+  // Given with or without a range, the option turns programming on.
+  options.program = app.count("--program-nexthops") > 0;
   if (!options.command.empty() || app.count("-c") > 0) return runClient(options);
   return runAgent(options);
 }
