@@ -107,12 +107,15 @@ template <class Owner, class Key>
 struct KeyHandler {
   using ByRef = void (Owner::*)(const Key&);
   using ByValue = void (Owner::*)(Key);
-  constexpr KeyHandler(ByRef handler) : byRef(handler) {}
+  constexpr KeyHandler(ByRef handler) : byRef(handler), takesRef(true) {}
   constexpr KeyHandler(ByValue handler) : byValue(handler) {}
 
   // Public: a template argument's type must be structural.
   ByRef byRef = nullptr;
   ByValue byValue = nullptr;
+  // Which of the two is set. A flag rather than a comparison of the member pointer with null,
+  // which GCC does not take as a constant expression under -fsanitize=undefined.
+  bool takesRef = false;
 };
 
 // A slot whose handler is a member function of the owner taking the changed key.
@@ -131,7 +134,7 @@ class Slot : public SlotBase {
     if (!owner->hasNotificationActive()) return;
     KeepAlive keep(owner);
     const Key& changed = *static_cast<const Key*>(key);
-    if constexpr (Handler.byRef != nullptr) {
+    if constexpr (Handler.takesRef) {
       (owner->*Handler.byRef)(changed);
     } else {
       (owner->*Handler.byValue)(changed);
