@@ -97,11 +97,16 @@ void churn(benchmark::State& state, Erase erase, Insert insert) {
 
 void BM_CollectionInsertErase(benchmark::State& state) {
   auto t = filledTable();
-  churn(state, [&](uint64_t k) { t->map.del(k); }, [&](uint64_t k, uint64_t v) { t->map.set({k, v}); });
+  churn(
+      state, [&](uint64_t k) { t->map.del(k); },
+      [&](uint64_t k, uint64_t v) {
+        t->map.set({k, v});
+      });
 }
 void BM_StdUnorderedMapInsertErase(benchmark::State& state) {
   auto m = filledStd();
-  churn(state, [&](uint64_t k) { m.erase(k); }, [&](uint64_t k, uint64_t v) { m.emplace(k, v); });
+  churn(
+      state, [&](uint64_t k) { m.erase(k); }, [&](uint64_t k, uint64_t v) { m.emplace(k, v); });
 }
 
 struct Counter : Core::Reactor {

@@ -19,6 +19,7 @@
 
 #include "hosts/linux/EventLoop.h"
 #include "hosts/linux/LinuxHost.h"
+#include "support/RouteWorld.h"
 #include "support/TestNetns.h"
 
 namespace {
@@ -26,52 +27,15 @@ namespace {
 using namespace Hosts::Linux;
 using TestSupport::TestNetns;
 
-constexpr int kRoutes = 10000;
-constexpr int kPeers = 64;
+using TestSupport::addr;
+using TestSupport::ipBatch;
+using TestSupport::kRoutes;
+using TestSupport::kRoutes0;
+using TestSupport::RouteWorld;
+
 constexpr int kNeighbours = 10000;
-
-std::string addr(uint32_t hostOrder) { return ipv4Text(hostOrder); }
-
-// 198.19.0.0/24 is the link; peer i is 198.19.0.(2 + i). Route i is 198.18.(i / 256).(i % 256)/32
-// via peer i % 64; nexthop object i + 1 is via peer i.
-constexpr uint32_t kLink = 0xc6130000;     // 198.19.0.0
-constexpr uint32_t kRoutes0 = 0xc6120000;  // 198.18.0.0
 // Neighbour world: 198.18.64.0/18 directly on its link.
 constexpr uint32_t kNeighLink = 0xc6124000;  // 198.18.64.0
-
-// Runs `ip -n NS -batch` over the lines.
-void ipBatch(const TestNetns& ns, const std::vector<std::string>& lines) {
-  const std::string path = "/tmp/" + ns.name() + ".batch";
-  {
-    std::ofstream out(path);
-    for (const auto& l : lines) out << l << '\n';
-  }
-  std::string err;
-  const int rc = TestSupport::runCommand({"ip", "-n", ns.name(), "-batch", path}, &err);
-  std::remove(path.c_str());
-  if (rc != 0) throw std::runtime_error("ip -batch: " + err);
-}
-
-struct RouteWorld {
-  std::unique_ptr<TestNetns> h = std::make_unique<TestNetns>("bh");
-  std::unique_ptr<TestNetns> p = std::make_unique<TestNetns>("bp");
-
-  RouteWorld() {
-    h->vethTo(*p, "bh0", addr(kLink + 1) + "/24", "bp0", "");
-    std::vector<std::string> peerLines, hostLines;
-    for (int i = 0; i < kPeers; ++i) {
-      peerLines.push_back("addr add " + addr(kLink + 2 + i) + "/24 dev bp0");
-      hostLines.push_back("nexthop add id " + std::to_string(i + 1) + " via " +
-                          addr(kLink + 2 + i) + " dev bh0");
-    }
-    ipBatch(*p, peerLines);
-    for (int i = 0; i < kRoutes; ++i) {
-      hostLines.push_back("route add " + addr(kRoutes0 + i) + "/32 via " +
-                          addr(kLink + 2 + i % kPeers) + " dev bh0");
-    }
-    ipBatch(*h, hostLines);
-  }
-};
 
 struct NeighbourWorld {
   std::unique_ptr<TestNetns> n = std::make_unique<TestNetns>("bn");
@@ -154,12 +118,7 @@ void StartTo10000Statuses(benchmark::State& state) {
   if (!w) return;
   const L3::VrfName vrf("default");
   const Netval::IntfId dev = Netval::IntfId::fromKernelName("bh0");
-  // The peers' neighbour entries, as the kernel would have them after ARP.
-  for (int i = 0; i < kPeers; ++i) {
-    char mac[18];
-    std::snprintf(mac, sizeof mac, "02:00:00:00:01:%02x", i);
-    w->h->ip("neigh replace " + addr(kLink + 2 + i) + " dev bh0 lladdr " + mac + " nud permanent");
-  }
+  w->peersResolved();
   for (auto _ : state) {
     EventLoop loop;
     LinuxHostConfig config;

@@ -16,20 +16,6 @@ namespace Hosts {
 
 namespace {
 
-std::vector<std::string_view> words(std::string_view line) {
-  line = line.substr(0, line.find('#'));
-  std::vector<std::string_view> out;
-  size_t pos = 0;
-  while (true) {
-    pos = line.find_first_not_of(" \t\r", pos);
-    if (pos == std::string_view::npos) break;
-    const size_t end = std::min(line.find_first_of(" \t\r", pos), line.size());
-    out.push_back(line.substr(pos, end - pos));
-    pos = end;
-  }
-  return out;
-}
-
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
 L3::VrfName vrfName(std::string_view text) {
@@ -69,6 +55,27 @@ Netval::IntfId intf(std::string_view text, const IntfParser& parseIntf) {
 
 }  // namespace
 
+std::vector<std::string_view> lineWords(std::string_view line) {
+  line = line.substr(0, line.find('#'));
+  std::vector<std::string_view> out;
+  size_t pos = 0;
+  while (true) {
+    pos = line.find_first_not_of(" \t\r", pos);
+    if (pos == std::string_view::npos) break;
+    const size_t end = std::min(line.find_first_of(" \t\r", pos), line.size());
+    out.push_back(line.substr(pos, end - pos));
+    pos = end;
+  }
+  return out;
+}
+
+FwdL3Unicast::NexthopNhIndexResolverKey requestKeyParse(std::string_view vrf, std::string_view addr,
+                                                        std::string_view intfName,
+                                                        const IntfParser& parseIntf) {
+  return FwdL3Unicast::NexthopNhIndexResolverKey(vrfName(vrf), nexthop(addr),
+                                                 intf(intfName, parseIntf));
+}
+
 RequestFile requestFileParse(std::string_view text, std::string_view file,
                              const IntfParser& parseIntf) {
   RequestFile parsed;
@@ -80,15 +87,14 @@ RequestFile requestFileParse(std::string_view text, std::string_view file,
     const std::string_view line = text.substr(0, end);
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
     const std::string place = std::string(file) + ":" + std::to_string(lineNo) + ": ";
-    const std::vector<std::string_view> fields = words(line);
+    const std::vector<std::string_view> fields = lineWords(line);
     if (fields.empty()) continue;
     try {
       if (fields.size() != 3) {
         throw std::invalid_argument("expected VRF ADDR INTF, found " +
                                     std::to_string(fields.size()) + " words");
       }
-      const FwdL3Unicast::NexthopNhIndexResolverKey key(vrfName(fields[0]), nexthop(fields[1]),
-                                                        intf(fields[2], parseIntf));
+      const auto key = requestKeyParse(fields[0], fields[1], fields[2], parseIntf);
       const auto [first, added] = firstLine.emplace(key, lineNo);
       if (!added) {
         throw std::invalid_argument("request given twice (first on line " +

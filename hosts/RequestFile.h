@@ -20,9 +20,18 @@ struct RequestFile {
   std::vector<std::string> errors;
 };
 
+// The words of a line an operator wrote: separated by blanks, '#' starts a comment.
+std::vector<std::string_view> lineWords(std::string_view line);
+
 // How a host names interfaces: the simulator knows only the switch's forms, the Linux host takes
 // kernel names. Throws (any std::exception) for a name it refuses.
 using IntfParser = std::function<Netval::IntfId(std::string_view)>;
+
+// One request from its three words, with the checks below; throws std::invalid_argument with
+// the reason ("bad address '10.0.0'"), never a place.
+FwdL3Unicast::NexthopNhIndexResolverKey requestKeyParse(std::string_view vrf, std::string_view addr,
+                                                        std::string_view intf,
+                                                        const IntfParser& parseIntf);
 
 // Parses `text`; `file` names it in errors. A line is refused for a wrong word count, a VRF name
 // over 100 bytes or with a control character, an address that is not a non-zero IPv4 address, an

@@ -3,6 +3,7 @@
 #   -DBUILD_DIR=<our build tree> -DCONSUMER_DIR=<tests/install/consumer> -DWORK_DIR=<scratch dir>
 #   [-DCONFIG=<build configuration>] [-DCXX_COMPILER=<compiler>]
 #   [-DCXX_FLAGS=<compile flags>] [-DLINKER_FLAGS=<link flags>]
+#   [-DPROGRAMS=<programs that must be installed in bin/>]
 foreach(_var BUILD_DIR CONSUMER_DIR WORK_DIR)
   if(NOT DEFINED ${_var})
     message(FATAL_ERROR "RunInstallTest.cmake: -D${_var}=... is required")
@@ -31,6 +32,11 @@ if(CONFIG)
   set(_config_args --config ${CONFIG})
 endif()
 run_step(install ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${_prefix} ${_config_args})
+foreach(_program ${PROGRAMS})
+  if(NOT EXISTS ${_prefix}/bin/${_program} OR IS_DIRECTORY ${_prefix}/bin/${_program})
+    message(FATAL_ERROR "install test: ${_prefix}/bin/${_program} was not installed")
+  endif()
+endforeach()
 
 # The programs and their man pages, made from their --help (roff writes a dash as "\-").
 function(expect_in_page tool text)
