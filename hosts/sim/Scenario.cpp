@@ -112,15 +112,11 @@ Netval::EthAddr mac(std::string_view text) {
   }
 }
 
-// Whether a MAC may be zero: a neighbour entry without a MAC is an incomplete one (a host's
-// neighbour table has those), a host or an nhIndex never has one.
-enum class ZeroMac { refused, incomplete };
-
-// The MAC of a host, a neighbour or an nhIndex: never broadcast or multicast.
-Netval::EthAddr unicastMac(std::string_view text, ZeroMac zero = ZeroMac::refused) {
+// The MAC of a host, a neighbour or an nhIndex: never zero, broadcast or multicast.
+Netval::EthAddr unicastMac(std::string_view text) {
   const Netval::EthAddr ethAddr = mac(text);
   const bool multicast = (ethAddr.value() >> 40) & 1;
-  if ((ethAddr.isZero() && zero == ZeroMac::refused) || multicast) {
+  if (ethAddr.isZero() || multicast) {
     throw InputError("bad MAC address " + quoted(text) + ": not a unicast address");
   }
   return ethAddr;
@@ -234,12 +230,13 @@ RouteArgs routeArgs(ScenarioArgs& args) {
   return route;
 }
 
-// INTF ADDR lladdr MAC [l2 INTF|none]
+// INTF ADDR lladdr MAC|none [l2 INTF|none]; "lladdr none" is an incomplete entry, without MAC.
 std::pair<Plane::NextHopKey, Plane::NextHopInfo> neighArgs(ScenarioArgs& args) {
   const Netval::IntfId intfId = interface(args.next("INTF"));
   const Netval::IpGenAddr addr = hostAddress(args.next("ADDR"));
   args.keyword("lladdr");
-  const Netval::EthAddr ethAddr = unicastMac(args.next("MAC"), ZeroMac::incomplete);
+  const std::string_view macText = args.next("MAC or none");
+  const Netval::EthAddr ethAddr = macText == "none" ? Netval::EthAddr() : unicastMac(macText);
   Netval::IntfId l2Intf = intfId;
   if (args.more()) {
     args.keyword("l2");
@@ -303,9 +300,11 @@ const Scenario::Command* Scenario::commands(size_t& count) {
        "route replace VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...] | dev INTF",
        &Scenario::cmdRouteReplace},
       {{"route", "del"}, "route del VRF PREFIX", &Scenario::cmdRouteDel},
-      {{"neigh", "add"}, "neigh add INTF ADDR lladdr MAC [l2 INTF|none]", &Scenario::cmdNeighAdd},
+      {{"neigh", "add"},
+       "neigh add INTF ADDR lladdr MAC|none [l2 INTF|none]",
+       &Scenario::cmdNeighAdd},
       {{"neigh", "replace"},
-       "neigh replace INTF ADDR lladdr MAC [l2 INTF|none]",
+       "neigh replace INTF ADDR lladdr MAC|none [l2 INTF|none]",
        &Scenario::cmdNeighReplace},
       {{"neigh", "del"}, "neigh del INTF ADDR", &Scenario::cmdNeighDel},
       {{"host", "add"}, "host add INTF ADDR [lladdr] MAC", &Scenario::cmdHostAdd},

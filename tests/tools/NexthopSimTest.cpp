@@ -87,10 +87,10 @@ TEST(NexthopSimParser, RefusesMalformedLinesNamingTheUsage) {
                 "missing 'dev' (usage: route add VRF PREFIX via ADDR dev INTF [via ADDR dev INTF "
                 "...] | dev INTF)");
   expectRefused("neigh add Ethernet1 10.0.0.1 mac 00:00:00:00:00:01",
-                "expected 'lladdr', found 'mac' (usage: neigh add INTF ADDR lladdr MAC [l2 "
+                "expected 'lladdr', found 'mac' (usage: neigh add INTF ADDR lladdr MAC|none [l2 "
                 "INTF|none])");
   expectRefused("neigh add Ethernet1 10.0.0.1 lladdr 00:00:00:00:00:01 l2",
-                "missing INTF or none (usage: neigh add INTF ADDR lladdr MAC [l2 INTF|none])");
+                "missing INTF or none (usage: neigh add INTF ADDR lladdr MAC|none [l2 INTF|none])");
   expectRefused("engine auto-nhindex maybe",
                 "expected on|off, found 'maybe' (usage: engine auto-nhindex on|off)");
   expectRefused("expect status red 10.0.0.1 Ethernet1 maybe",
@@ -106,7 +106,7 @@ const std::string kVrfAdd = " (usage: vrf add NAME [id N])";
 const std::string kRouteAdd =
     " (usage: route add VRF PREFIX via ADDR dev INTF [via ADDR dev INTF ...] | dev INTF)";
 const std::string kHostAdd = " (usage: host add INTF ADDR [lladdr] MAC)";
-const std::string kNeighAdd = " (usage: neigh add INTF ADDR lladdr MAC [l2 INTF|none])";
+const std::string kNeighAdd = " (usage: neigh add INTF ADDR lladdr MAC|none [l2 INTF|none])";
 const std::string kNhIndexAdd = " (usage: nhindex add INTF INDEX MAC)";
 
 TEST(NexthopSimParser, RefusesBadValuesNamingTheUsage) {
@@ -164,10 +164,19 @@ TEST(NexthopSimParser, RefusesMacsNoHostHas) {
     expectRefused("nh-table add Ethernet1\nnhindex add Ethernet1 5 " + std::string(bad),
                   why + kNhIndexAdd);
   }
-  // A neighbour entry without a MAC is an incomplete one; a multicast MAC is refused.
-  expectRefused("neigh add Ethernet1 10.0.0.1 lladdr ff:ff:ff:ff:ff:ff",
-                "bad MAC address 'ff:ff:ff:ff:ff:ff': not a unicast address" + kNeighAdd);
-  EXPECT_EQ(run("neigh add Ethernet1 10.0.0.1 lladdr 00:00:00:00:00:00").status, Scenario::kPassed);
+  for (const char* bad : {"00:00:00:00:00:00", "ff:ff:ff:ff:ff:ff", "01:00:5e:00:00:01"}) {
+    expectRefused("neigh add Ethernet1 10.0.0.1 lladdr " + std::string(bad),
+                  "bad MAC address '" + std::string(bad) + "': not a unicast address" + kNeighAdd);
+  }
+}
+
+TEST(NexthopSimParser, NeighbourWithoutMacIsWrittenLladdrNone) {
+  SimRun r =
+      run("neigh add Ethernet1 10.0.0.1 lladdr none\n"
+          "show neigh\n"
+          "neigh replace Ethernet1 10.0.0.1 lladdr none l2 none\n");
+  EXPECT_EQ(r.status, Scenario::kPassed) << r.err;
+  EXPECT_NE(r.out.find("00:00:00:00:00:00"), std::string::npos) << r.out;
 }
 
 TEST(NexthopSimParser, RefusesNeighbourAndViaAddressesNoHostHas) {
