@@ -25,7 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       FUZZ_CHECK(at >= begin && at + nlh->nlmsg_len <= begin + size);
       try {
         if (nlh->nlmsg_type == NLMSG_ERROR) {
-          FUZZ_CHECK(Hosts::Linux::errorCode(nlh) <= 0);
+          // Any code may be read; the kernel's are never positive, but these bytes are not its.
+          Hosts::Linux::errorCode(nlh);
         } else {
           Hosts::Linux::parseMessage(nlh);
         }
