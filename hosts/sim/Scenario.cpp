@@ -17,6 +17,7 @@
 #include "hosts/HostError.h"
 #include "hosts/HostExplain.h"
 #include "hosts/HostShow.h"
+#include "hosts/RequestFile.h"
 
 namespace Sim {
 
@@ -35,20 +36,6 @@ struct InputError : HostError {
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 // Preferred over std::quoted, which argument-dependent lookup finds for a std::string.
 std::string quoted(const std::string& text) { return quoted(std::string_view(text)); }
-
-std::vector<std::string_view> tokens(std::string_view line) {
-  line = line.substr(0, line.find('#'));
-  std::vector<std::string_view> out;
-  size_t pos = 0;
-  while (true) {
-    pos = line.find_first_not_of(" \t\r", pos);
-    if (pos == std::string_view::npos) break;
-    const size_t end = std::min(line.find_first_of(" \t\r", pos), line.size());
-    out.push_back(line.substr(pos, end - pos));
-    pos = end;
-  }
-  return out;
-}
 
 // "byte 0x01 at 3" when `text` holds a NUL or another control character, else nothing.
 std::optional<std::string> controlCharacter(std::string_view text) {
@@ -402,7 +389,7 @@ std::string Scenario::unknownCommand(const std::vector<std::string_view>& words)
 
 Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view file,
                                        size_t lineNo) {
-  std::vector<std::string_view> words = tokens(line);
+  std::vector<std::string_view> words = Hosts::lineWords(line);
   if (words.empty()) return LineResult::ok;
   const std::string place = std::string(file) + ":" + std::to_string(lineNo) + ": ";
   const Command* found = command(words);
@@ -476,7 +463,8 @@ Scenario::ExitStatus Scenario::runInteractive(const LineReader& next, std::strin
 }
 
 std::vector<std::string> Scenario::completions(std::string_view line, std::string_view word) {
-  std::vector<std::string_view> before = tokens(line.substr(0, line.size() - word.size()));
+  std::vector<std::string_view> before =
+      Hosts::lineWords(line.substr(0, line.size() - word.size()));
   if (!before.empty() && before[0] == "help") before.erase(before.begin());
   size_t count = 0;
   const Command* table = commands(count);
@@ -786,7 +774,7 @@ void Scenario::cmdExpectArp(Args& args) {
 
 void Scenario::cmdHelp(Args& args) {
   const std::string topic = args.rest();
-  const std::vector<std::string_view> words = tokens(topic);
+  const std::vector<std::string_view> words = Hosts::lineWords(topic);
   size_t count = 0;
   const Command* table = commands(count);
   std::string text = topic.empty() ? help() : "";
