@@ -1,5 +1,7 @@
 #include "Fwd/FwdViaNexthopToViaNexthopMacSm.h"
 
+#include <vector>
+
 #include "framework/Assert.h"
 #include "framework/CollectionOps.h"
 #include "framework/DualLog.h"
@@ -224,8 +226,26 @@ void ViaNexthopToViaNexthopMacSm::doCleanup() {
 void ViaNexthopToViaNexthopMacSm::retire() {
   if (retired_) return;
   hasNotificationActiveIs(false);
+  releaseUnrequestedVias();
   retired_ = true;
   doCleanup();
+}
+
+void ViaNexthopToViaNexthopMacSm::releaseUnrequestedVias() {
+  if (!allViaNexthopRequests_) return;
+  // A via without requesters is one whose first handleAdd is still under way (the stage was
+  // dropped from inside its creation): its ARP entry was added, and the retired stage will never
+  // remove it, nor will a successor that does not request the via. No successor exists yet.
+  // Collected first: a client of the ARP entries may react to each removal.
+  std::vector<Plane::NextHopKey> unrequested;
+  for (const ViaNexthopRequest::Ptr& request : allViaNexthopRequests_->viaNexthopRequest()) {
+    if (request->requesterCollCount() == 0) {
+      unrequested.push_back(neighbourKey(request->viaNexthopInfo()));
+    }
+  }
+  for (const Plane::NextHopKey& key : unrequested) {
+    proactiveArpNexthopSm_->removeEntry(key, arpVrfId_);
+  }
 }
 
 void ViaNexthopToViaNexthopMacSm::allViaNexthopRequestsIs() {

@@ -94,6 +94,8 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
                               const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
                               const Core::Ptr<NexthopToViaNexthopMacMap>& status);
 
+  // Removes the proactive ARP entry of every tracked via that has no requester yet.
+  void releaseUnrequestedVias();
   // The MAC the requesters of `request` are to carry: its MAC while it is tracked, none after.
   Netval::EthAddr publishedMac(const Ptr& request) const;
   // The neighbour entry of `key`, the default entry when there is none.

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include "framework/Core.h"
 #include "fuzz/FuzzCheck.h"
@@ -26,20 +25,10 @@ constexpr size_t kMaxBytes = 4096;
   std::abort();
 }
 
-bool reentrantMode() {
-  static const bool on = [] {
-    const char* value = std::getenv("FWD_FUZZ_REENTRANT");
-    return value != nullptr && std::string_view(value) == "1";
-  }();
-  return on;
-}
-
 }  // namespace
 
 // The first byte seeds the host's starting state and picks the FEC mode and the mode of delivery
-// (plain or re-entrant); the others choose the operations. The re-entrant mode runs only with
-// FWD_FUZZ_REENTRANT=1: it still finds a proactive ARP entry that outlives a request added and
-// deleted from inside a notification (fuzz/pending/ResolverModelFuzz/), which is not fixed yet.
+// (plain or re-entrant); the others choose the operations.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1 || size > kMaxBytes) return -1;
   const int64_t entitiesBefore = Core::Node::liveCount();
@@ -49,8 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string log;
     Model::Run run(setup, steps,
                    data[0] % 2 ? Memtab::Fib::fecModePerVrf() : Memtab::Fib::fecModeGlobal(),
-                   (data[0] & 2) != 0 && reentrantMode(),
-                   [&log](const std::string& line) { (log += line) += '\n'; });
+                   (data[0] & 2) != 0, [&log](const std::string& line) { (log += line) += '\n'; });
     while (!steps.exhausted()) {
       const std::string failure = run.step();
       if (!failure.empty()) modelFailed(log, failure);

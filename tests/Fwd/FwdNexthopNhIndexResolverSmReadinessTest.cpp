@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -109,7 +110,8 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest, LosingRoutingVrfStatusDropsPipelin
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
 }
 
-TEST_F(NexthopNhIndexResolverSmReadinessTest, VrfBouncedFromInsideAStatusNotificationEndsWithEveryStatusPublished) {
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       VrfBouncedFromInsideAStatusNotificationEndsWithEveryStatusPublished) {
   resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
   resolvableIs("10.0.1.1", "Ethernet2", "10.0.1.254", 101, "00:00:00:00:00:bb", 6);
   vrfL3StatusIs("red", 1);
@@ -296,3 +298,68 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest, UnknownFecModeIsFineForDefaultVrf)
 }
 
 }  // namespace
+
+// Requests whose vias are resolvable (10.0.0.1 on Ethernet1, 10.0.1.1 on Ethernet2, VRF red),
+// and a client of the proactive ARP entries that deletes requests from inside the notification
+// of the first entry it sees, while stage 2 is still adding the request that created the via.
+class NexthopNhIndexResolverSmNestedArpTest : public NexthopNhIndexResolverSmReadinessTest {
+ protected:
+  void SetUp() override {
+    resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+    resolvableIs("10.0.1.1", "Ethernet2", "10.0.1.254", 101, "00:00:00:00:00:bb", 6);
+    vrfL3StatusIs("red", 1);
+    rootIs();
+  }
+  // Adds `added` while the first ARP entry's notification deletes `deleted`.
+  void addDeletingOnFirstArpEntry(const NexthopNhIndexResolverKey& added,
+                                  std::vector<NexthopNhIndexResolverKey> deleted) {
+    bool fired = false;
+    auto arpClient = TestSupport::recordChanges<Arp::ProactiveArp::ClientEntry>(
+        proactiveArpNexthop.get(), Arp::ProactiveArp::ClientConfig::entryAttr);
+    arpClient->onChange = [&](const Arp::ProactiveArp::ClientEntry&) {
+      if (fired) return;
+      fired = true;
+      for (const NexthopNhIndexResolverKey& k : deleted) configDir->configDel(k);
+    };
+    configDir->configIs(added);
+    resolver.run();
+    ASSERT_TRUE(fired);
+  }
+};
+
+TEST_F(NexthopNhIndexResolverSmNestedArpTest,
+       LastRequestDeletedWhileItsViaIsAddedLeavesNoProactiveArpEntry) {
+  const NexthopNhIndexResolverKey k = key("red", "10.0.0.1", "Ethernet1");
+  addDeletingOnFirstArpEntry(k, {k});
+
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(proactiveArpNexthop->entryCount(), 0u);
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+}
+
+TEST_F(NexthopNhIndexResolverSmNestedArpTest,
+       EveryRequestDeletedWhileANewViaIsAddedLeavesNoProactiveArpEntry) {
+  tracked("red");
+  ASSERT_EQ(proactiveArpNexthop->entryCount(), 1u);
+  const NexthopNhIndexResolverKey k = key("red", "10.0.1.1", "Ethernet2");
+  addDeletingOnFirstArpEntry(k, {key("red", "10.0.0.1", "Ethernet1"), k});
+
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(proactiveArpNexthop->entryCount(), 0u);
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+}
+
+TEST_F(NexthopNhIndexResolverSmNestedArpTest,
+       RequestDeletedWhileItsViaIsAddedLeavesTheOtherRequestsViaInPlace) {
+  tracked("red");
+  const NexthopNhIndexResolverKey k = key("red", "10.0.1.1", "Ethernet2");
+  addDeletingOnFirstArpEntry(k, {k});
+
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_TRUE(proactiveArpNexthop->entryHas(
+      Arp::ProactiveArp::ClientEntry(Plane::NextHopKey(intf("Ethernet1"), ip("10.0.0.254")),
+                                     1 + Plane::VrfL3StatusAll::arpVrfIdOffset)));
+  EXPECT_EQ(proactiveArpNexthop->entryCount(), 1u);
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  EXPECT_EQ(statusDir->statusCount(), 1u);
+}
