@@ -107,13 +107,20 @@ IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSm(
     : intfId_(intfId),
       intfViaNexthopMacToNhIndexRequest_(request),
       nextHopMod_(nextHopMod),
-      status_(status) {
+      status_(status) {}
+
+void IntfViaNexthopMacToNhIndexSm::start() {
   if (intfViaNexthopMacToNhIndexRequest_) {
     for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
       if (group->nhIndexFound()) foundBeforeScan_.push_back(group.get());
     }
   }
   handleInitialized();
+  // Dropped by a handler of one of its first writes: the groups are the next machine's.
+  if (retired_) {
+    foundBeforeScan_ = {};
+    return;
+  }
   scanDecided_ = true;
   for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
     requesterCollIs(group);
@@ -134,7 +141,9 @@ uint32_t IntfViaNexthopMacToNhIndexSm::searchNhIndex(const RequesterColl& group)
 IntfViaNexthopMacToNhIndexSm::Ptr IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSmIs(
     Netval::IntfId intfId, const IntfViaNexthopMacToNhIndexRequest::Ptr& request,
     const Core::Ptr<const NextHopMod>& nextHopMod, const ViaNexthopMacToNhIndexMap::Ptr& status) {
-  return Ptr(new IntfViaNexthopMacToNhIndexSm(intfId, request, nextHopMod, status));
+  Ptr sm(new IntfViaNexthopMacToNhIndexSm(intfId, request, nextHopMod, status));
+  sm->start();
+  return sm;
 }
 
 void IntfViaNexthopMacToNhIndexSm::requesterCollIs(const RequesterColl::Ptr& requesterColl) {
@@ -350,10 +359,13 @@ IntfViaNexthopMacToNhIndexSm::Ptr AllIntfViaNexthopMacToNhIndexSm::smIs(
     throw Core::ReinstantiationError("AllIntfViaNexthopMacToNhIndexSm::smIs: interface " +
                                      intfId.name() + " has a machine built from other arguments");
   }
-  IntfViaNexthopMacToNhIndexSm::Ptr created =
-      IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSmIs(intfId, request, nextHopMod,
-                                                                   status);
+  // Held before it starts: a handler of its first writes that drops every machine (the stage
+  // being retired) reaches this one too, so that it stops writing into a map that a successor
+  // may already fill.
+  IntfViaNexthopMacToNhIndexSm::Ptr created(
+      new IntfViaNexthopMacToNhIndexSm(intfId, request, nextHopMod, status));
   sm_.set(created);
+  created->start();
   return created;
 }
 

@@ -125,10 +125,15 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   void dumpState(Core::DumpContext& ctx, uint32_t indent) const override;
 
  private:
+  friend class AllIntfViaNexthopMacToNhIndexSm;
+
   IntfViaNexthopMacToNhIndexSm(Netval::IntfId intfId,
                                const IntfViaNexthopMacToNhIndexRequest::Ptr& request,
                                const Core::Ptr<const NextHopMod>& nextHopMod,
                                const ViaNexthopMacToNhIndexMap::Ptr& status);
+  // Resets the interface's statuses, scans the table, then starts one nested watcher per group
+  // already in the request (none once a handler of its writes has retired the machine).
+  void start();
 
   // Writes the nexthop's status from the group as it is now (its index while found, none
   // otherwise): what a pass of addStatusHelper or delStatus writes once a handler of one of its

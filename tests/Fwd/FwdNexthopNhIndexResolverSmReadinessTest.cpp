@@ -363,3 +363,38 @@ TEST_F(NexthopNhIndexResolverSmNestedArpTest,
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
   EXPECT_EQ(statusDir->statusCount(), 1u);
 }
+
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       VrfBouncedByTheFirstStatusOfANewModuleKeepsTheNewPipelinesStatuses) {
+  fecIs(100, {{"Ethernet1", "10.0.0.254"}});
+  resolver.routeIs(ip("10.0.0.1"), 100);
+  resolver.routeIs(ip("10.0.0.2"), 100);
+  neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  configDir->configIs(key("red", "10.0.0.2", "Ethernet1"));
+  resolver.run();
+  ASSERT_EQ(statusDir->statusCount(), 0u);
+  // A client of the statuses that takes the VRF down and up again on the first one, while the
+  // machine of the module that is arriving is still writing its first statuses.
+  bool bounced = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey&) {
+    if (bounced) return;
+    bounced = true;
+    vrfL3StatusDel("red");
+    vrfL3StatusIs("red", 1);
+  };
+
+  NextHopMod::Ptr module = NextHopMod::NextHopModIs(intf("Ethernet1"));
+  module->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
+  l3Modules->nextHopModIs(module);
+
+  ASSERT_TRUE(bounced);
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.2", "Ethernet1"), 5u);
+  EXPECT_EQ(statusDir->statusCount(), 2u);
+}
