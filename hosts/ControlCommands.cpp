@@ -1,20 +1,24 @@
 #include "hosts/ControlCommands.h"
 
-#include <algorithm>
 #include <exception>
-#include <map>
-#include <sstream>
+#include <optional>
 #include <utility>
 
 #include "hosts/HostError.h"
 #include "hosts/HostExplain.h"
-#include "hosts/HostStatusLog.h"
+#include "hosts/HostShow.h"
 
 namespace Hosts {
 
 namespace {
 
 std::string quotedText(std::string_view text) { return "'" + std::string(text) + "'"; }
+
+// The VRF a show command is limited to, when given.
+std::optional<L3::VrfName> optionalVrf(const std::vector<std::string_view>& args) {
+  if (args.empty()) return std::nullopt;
+  return vrfNameParse(args[0]);
+}
 
 }  // namespace
 
@@ -24,14 +28,16 @@ struct ControlCommands::Command {
   // The words after the command's name: at least min, at most max.
   size_t minArgs;
   size_t maxArgs;
-  std::string (ControlCommands::*run)(const std::vector<std::string_view>& args);
+  std::string (ControlCommands::*run)(const Args& args, OutputFormat format);
 };
 
 const std::vector<ControlCommands::Command>& ControlCommands::commands() {
   static const std::vector<Command> table = {
       {{"request", "add"}, "request add VRF ADDR INTF", 3, 3, &ControlCommands::requestAdd},
       {{"request", "del"}, "request del VRF ADDR INTF", 3, 3, &ControlCommands::requestDel},
-      {{"show", "status"}, "show status", 0, 0, &ControlCommands::showStatus},
+      {{"show", "status"}, "show status [VRF]", 0, 1, &ControlCommands::showStatus},
+      {{"show", "requests"}, "show requests [VRF]", 0, 1, &ControlCommands::showRequests},
+      {{"show", "vrfs"}, "show vrfs", 0, 0, &ControlCommands::showVrfs},
       {{"show", "arp"}, "show arp", 0, 0, &ControlCommands::showArp},
       {{"show", "routes"}, "show routes", 0, 0, &ControlCommands::showRoutes},
       {{"show", "neigh"}, "show neigh", 0, 0, &ControlCommands::showNeigh},
@@ -52,7 +58,12 @@ ControlCommands::ControlCommands(ModuleHost& host, IntfParser parseIntf)
     : host_(host), parseIntf_(std::move(parseIntf)) {}
 
 std::string ControlCommands::run(std::string_view line) {
-  const std::vector<std::string_view> all = lineWords(line);
+  std::vector<std::string_view> all = lineWords(line);
+  OutputFormat format = OutputFormat::text;
+  if (!all.empty() && (all[0] == "-j" || all[0] == "--json")) {
+    format = OutputFormat::json;
+    all.erase(all.begin());
+  }
   if (all.empty()) throw HostError("empty command");
   const Command* found = nullptr;
   std::string known;
@@ -83,7 +94,7 @@ std::string ControlCommands::run(std::string_view line) {
   if (args.size() > found->maxArgs)
     throw HostError("unexpected " + quotedText(args[found->maxArgs]) + usage);
   try {
-    return (this->*found->run)(args);
+    return (this->*found->run)(args, format);
   } catch (const HostError&) {
     throw;
   } catch (const std::exception& e) {
@@ -92,133 +103,57 @@ std::string ControlCommands::run(std::string_view line) {
   }
 }
 
-FwdL3Unicast::NexthopNhIndexResolverKey ControlCommands::requestKey(
-    const std::vector<std::string_view>& args) {
+FwdL3Unicast::NexthopNhIndexResolverKey ControlCommands::requestKey(const Args& args) {
   return requestKeyParse(args[0], args[1], args[2], parseIntf_);
 }
 
-std::string ControlCommands::requestAdd(const std::vector<std::string_view>& args) {
+std::string ControlCommands::requestAdd(const Args& args, OutputFormat) {
   host_.requestAdd(requestKey(args));
   return {};
 }
 
-std::string ControlCommands::requestDel(const std::vector<std::string_view>& args) {
+std::string ControlCommands::requestDel(const Args& args, OutputFormat) {
   host_.requestDel(requestKey(args));
   return {};
 }
 
-std::string ControlCommands::showStatus(const std::vector<std::string_view>&) {
-  return statusesText(host_);
+std::string ControlCommands::showStatus(const Args& args, OutputFormat format) {
+  return Show::render(Show::statuses(host_, optionalVrf(args)), Show::statusesText, format);
 }
 
-std::string ControlCommands::showArp(const std::vector<std::string_view>&) {
-  return arpEntriesText(host_);
+std::string ControlCommands::showRequests(const Args& args, OutputFormat format) {
+  return Show::render(Show::requests(host_, optionalVrf(args)), Show::requestsText, format);
 }
 
-std::string ControlCommands::showRoutes(const std::vector<std::string_view>&) {
-  return routesText(host_);
+std::string ControlCommands::showVrfs(const Args&, OutputFormat format) {
+  return Show::render(Show::vrfs(host_), Show::vrfsText, format);
 }
 
-std::string ControlCommands::showNeigh(const std::vector<std::string_view>&) {
-  return neighboursText(host_);
+std::string ControlCommands::showArp(const Args&, OutputFormat format) {
+  return Show::render(Show::arp(host_), Show::arpText, format);
 }
 
-std::string ControlCommands::showNhTable(const std::vector<std::string_view>& args) {
+std::string ControlCommands::showRoutes(const Args&, OutputFormat format) {
+  return Show::render(Show::routes(host_), Show::routesText, format);
+}
+
+std::string ControlCommands::showNeigh(const Args&, OutputFormat format) {
+  return Show::render(Show::neighbours(host_), Show::neighboursText, format);
+}
+
+std::string ControlCommands::showNhTable(const Args& args, OutputFormat format) {
   std::optional<Netval::IntfId> only;
-  if (!args.empty()) {
-    try {
-      only = parseIntf_(args[0]);
-    } catch (const std::exception&) {
-    }
-    if (!only || only->empty()) throw HostError("bad interface name " + quotedText(args[0]));
-  }
-  return nhTablesText(host_, only);
+  if (!args.empty()) only = intfParse(args[0], parseIntf_);
+  return Show::render(Show::nhTables(host_, only), Show::nhTablesText, format);
 }
 
-std::string ControlCommands::showDump(const std::vector<std::string_view>&) { return host_.dump(); }
+std::string ControlCommands::showDump(const Args&, OutputFormat format) {
+  return Show::renderDump(host_.dump(), format);
+}
 
-std::string ControlCommands::explainRequest(const std::vector<std::string_view>& args) {
+std::string ControlCommands::explainRequest(const Args& args, OutputFormat format) {
   const auto key = requestKey(args);
-  return "explain " + keyText(key) + ": " + explain(host_, key) + '\n';
-}
-
-std::string statusesText(const ModuleHost& host) {
-  std::map<FwdL3Unicast::NexthopNhIndexResolverKey, uint32_t> sorted;
-  for (const auto& status : host.statusDir()->status()) sorted[status.key()] = status.nhIndex();
-  if (sorted.empty()) return "no statuses\n";
-  std::string out;
-  for (const auto& [key, nhIndex] : sorted) {
-    out += "status " + keyText(key) + " nhIndex " + std::to_string(nhIndex) + '\n';
-  }
-  return out;
-}
-
-std::string routesText(const ModuleHost& host) {
-  std::ostringstream out;
-  bool any = false;
-  for (const auto& [vrf, table] : host.routing()->routes()) {
-    for (const auto& [prefix, route] : table) {
-      any = true;
-      out << "route " << vrf << " " << prefix.toString() << " fec " << route.fecId;
-      for (const Memtab::FibGen::Via& via : route.vias) {
-        if (!via.hop().isAddrZero()) out << " via " << via.hop();
-        out << " dev " << via.intfId();
-      }
-      out << '\n';
-    }
-  }
-  if (!any) out << "no routes\n";
-  return out.str();
-}
-
-std::string neighboursText(const ModuleHost& host) {
-  std::map<Plane::NextHopKey, Plane::NextHopInfo> sorted;
-  for (const auto& entry : host.nextHopInfoWrapper()->nextHopInfo())
-    sorted[entry.key] = entry.value;
-  std::ostringstream out;
-  if (sorted.empty()) out << "no neighbours\n";
-  for (const auto& [key, info] : sorted) {
-    out << "neigh " << key.intfId() << " " << key.addr() << " lladdr " << info.ethAddr() << " l2 "
-        << (info.l2Intf().empty() ? "none" : info.l2Intf().name()) << '\n';
-  }
-  return out.str();
-}
-
-std::string nhTablesText(const ModuleHost& host, const std::optional<Netval::IntfId>& only) {
-  if (only && !host.l3Modules()->nextHopModHas(*only)) {
-    throw HostError("interface " + only->name() + " has no next-hop table");
-  }
-  std::map<Netval::IntfId, std::map<uint32_t, Netval::EthAddr>> sorted;
-  for (const auto& module : host.l3Modules()->nextHopMod()) {
-    if (only && module->intfId() != *only) continue;
-    auto& table = sorted[module->intfId()];
-    for (const auto& entry : module->nhIndexToMac()) table[entry.key] = entry.value;
-  }
-  std::ostringstream out;
-  if (sorted.empty()) out << "no next-hop tables\n";
-  for (const auto& [intfId, table] : sorted) {
-    out << "nh-table " << intfId << ": " << table.size() << " nhIndex"
-        << (table.size() == 1 ? "" : "es") << '\n';
-    for (const auto& [nhIndex, ethAddr] : table) {
-      out << "  nhindex " << nhIndex << " " << ethAddr << '\n';
-    }
-  }
-  return out.str();
-}
-
-std::string arpEntriesText(const ModuleHost& host) {
-  std::vector<Arp::ProactiveArp::ClientEntry> entries;
-  for (const auto& entry : host.clientConfig()->entry()) entries.push_back(entry);
-  std::sort(entries.begin(), entries.end());
-  std::ostringstream out;
-  if (entries.empty()) out << "no proactive ARP entries\n";
-  for (const auto& entry : entries) {
-    const Plane::NextHopKey& key = entry.key();
-    out << "arp " << key.intfId() << " " << key.addr() << " arpVrfId " << entry.arpVrfId()
-        << " triggers " << host.clientConfig()->resolutionTrigger(key) << ": " << host.arpState(key)
-        << '\n';
-  }
-  return out.str();
+  return Show::render(Show::explanation(key, explain(host_, key)), Show::explanationText, format);
 }
 
 }  // namespace Hosts

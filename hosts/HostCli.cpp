@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <nlohmann/json.hpp>
+#include <utility>
 
 #include "framework/DualLog.h"
 #include "framework/RingLog.h"
@@ -70,7 +72,15 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return usageError(app, e.what());
   }
-  return std::nullopt;
+  const CLI::Option* trace = app.get_option_no_throw("--trace");
+  if (!trace || trace->count() == 0 || trace->as<std::string>() != "list") return std::nullopt;
+  const CLI::Option* json = app.get_option_no_throw("--json");
+  if (json && json->count() > 0 && json->as<bool>()) {
+    std::cout << nlohmann::json(traceUnits()).dump() << '\n';
+  } else {
+    std::cout << traceUnitList();
+  }
+  return finishOutput(app.get_name(), 0);
 }
 
 const std::vector<std::string>& traceUnits() {
@@ -160,6 +170,20 @@ void traceStampIs(std::function<std::string()> stamp) {
     std::fwrite(line.data(), 1, line.size(), file);
     std::fflush(file);
   });
+}
+
+Tracing::Tracing(const std::string& filter, const RingOptions& ring,
+                 const std::vector<std::string>& inputs, std::function<std::string()> stamp) {
+  if (!filter.empty()) traceFilterCheck(filter);
+  ringStart(ring, inputs);
+  ringOpen_ = !ring.path.empty();
+  traceStampIs(std::move(stamp));
+  traceStart(filter);
+}
+
+Tracing::~Tracing() {
+  DualLog::textSinkIs(nullptr);
+  if (ringOpen_) RingLog::close();
 }
 
 void ringTargetCheck(const std::string& ring, const std::vector<std::string>& inputs, bool force) {

@@ -30,9 +30,10 @@ std::string versionText(std::string_view program);
 // operands, `--opt=value` and `--`.
 void conventionsIs(CLI::App& app, std::string_view program);
 
-// Parses the command line. Returns the exit status when the program ends here: 0 after --help
-// or --version (printed to standard output), kUsageError after "PROGRAM: CAUSE" and the usage
-// line on standard error. Nothing when the program goes on.
+// Parses the command line. Returns the exit status when the program ends here: 0 after --help,
+// --version or `--trace list` (traceOptionIs's option; the known units one per line, or one JSON
+// array with jsonOptionIs's -j/--json), printed to standard output; kUsageError after "PROGRAM:
+// CAUSE" and the usage line on standard error. Nothing when the program goes on.
 std::optional<int> parse(CLI::App& app, int argc, char** argv);
 
 // Prints "PROGRAM: MESSAGE" and the usage line on standard error; returns kUsageError.
@@ -72,6 +73,21 @@ void ringOptionsIs(CLI::App& app, RingOptions& ring);
 // Opens the ring after ringTargetCheck() against `inputs` (nothing when no --ring); throws
 // UsageError.
 void ringStart(const RingOptions& ring, const std::vector<std::string>& inputs);
+
+// The traces of one run: the constructor starts the text trace (traceStart) stamped by `stamp`
+// (traceStampIs) and the ring (ringStart against `inputs`), throwing UsageError before anything
+// is on when one is refused; the destructor closes the ring and drops the stamped sink.
+class Tracing {
+ public:
+  Tracing(const std::string& filter, const RingOptions& ring,
+          const std::vector<std::string>& inputs, std::function<std::string()> stamp);
+  ~Tracing();
+  Tracing(const Tracing&) = delete;
+  Tracing& operator=(const Tracing&) = delete;
+
+ private:
+  bool ringOpen_ = false;
+};
 
 // Throws UsageError unless `ring` may be (re)written: it must not be one of `inputs` (compared
 // as files, so another spelling of the same path counts), and when it exists it must be a ring

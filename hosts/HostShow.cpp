@@ -1,5 +1,6 @@
 #include "hosts/HostShow.h"
 
+#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -187,6 +188,39 @@ std::string nhTablesText(const Json& doc) {
   return text;
 }
 
+Json arp(const ModuleHost& host) {
+  std::vector<Arp::ProactiveArp::ClientEntry> entries;
+  for (const auto& entry : host.clientConfig()->entry()) entries.push_back(entry);
+  std::sort(entries.begin(), entries.end());
+  Json doc = {{"entries", Json::array()}};
+  for (const auto& entry : entries) {
+    const Plane::NextHopKey& key = entry.key();
+    Json item = {{"dev", key.intfId().name()},
+                 {"dst", key.addr().toString()},
+                 {"arpVrfId", entry.arpVrfId()}};
+    host.arpShow(key, item);
+    item["triggers"] = host.clientConfig()->resolutionTrigger(key);
+    doc["entries"].push_back(std::move(item));
+  }
+  return doc;
+}
+
+std::string arpText(const Json& doc) {
+  return lines(doc["entries"], "no proactive ARP entries", [](const Json& e) {
+    std::string line = "arp " + e["dev"].get<std::string>() + " " + e["dst"].get<std::string>();
+    for (const auto& [name, value] : e.items()) {
+      if (name == "dev" || name == "dst") continue;
+      line += " " + name + " ";
+      if (value.is_string()) {
+        line += value.get<std::string>();
+      } else {
+        line += value.is_null() ? "none" : value.dump();
+      }
+    }
+    return line;
+  });
+}
+
 Json explanation(const FwdL3Unicast::NexthopNhIndexResolverKey& key, const std::string& reason) {
   Json doc = keyJson(key);
   doc["resolved"] = reason.starts_with("resolved");
@@ -220,6 +254,11 @@ Json dump(const std::string& text) {
 std::string render(const Json& doc, std::string (*text)(const Json&), OutputFormat format) {
   if (format == OutputFormat::json) return doc.dump() + '\n';
   return text(doc);
+}
+
+std::string renderDump(const std::string& text, OutputFormat format) {
+  if (format == OutputFormat::json) return dump(text).dump() + '\n';
+  return text;
 }
 
 }  // namespace Hosts::Show

@@ -44,6 +44,13 @@ std::string neighboursText(const Json& doc);
 Json nhTables(const ModuleHost& host, const std::optional<Netval::IntfId>& intf);
 std::string nhTablesText(const Json& doc);
 
+// {"entries": [{"dev", "dst", "arpVrfId", ..., "triggers"}]}: what the module asks proactive ARP
+// for, sorted, with the host's own fields (ModuleHost::arpShow()) before "triggers"; text "arp
+// Ethernet1 10.0.0.254 arpVrfId 1001 probes 1 triggers 0" (each field after the key as "NAME
+// VALUE", null as "none"), "no proactive ARP entries" for none.
+Json arp(const ModuleHost& host);
+std::string arpText(const Json& doc);
+
 // {"vrf", "nexthop", "interface", "resolved", "reason"}: `reason` as explain() says it; text
 // "explain red 10.0.0.1 Ethernet1: REASON".
 Json explanation(const FwdL3Unicast::NexthopNhIndexResolverKey& key, const std::string& reason);
@@ -55,5 +62,7 @@ Json dump(const std::string& text);
 
 // The document as `format` prints it: the text, or the JSON on one line.
 std::string render(const Json& doc, std::string (*text)(const Json&), OutputFormat format);
+// The dump's `text` as `format` prints it: itself, or dump()'s tree on one line.
+std::string renderDump(const std::string& text, OutputFormat format);
 
 }  // namespace Hosts::Show

@@ -122,4 +122,6 @@ std::string ModuleHost::arpState(const Plane::NextHopKey& key) const {
   return arpWanted(key) ? "proactive ARP entry" : "no proactive ARP entry";
 }
 
+void ModuleHost::arpShow(const Plane::NextHopKey&, Json&) const {}
+
 }  // namespace Hosts

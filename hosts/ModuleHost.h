@@ -12,6 +12,7 @@
 #include "framework/Netval.h"
 #include "hosts/HostArp.h"
 #include "hosts/HostEngine.h"
+#include "hosts/HostOutput.h"
 #include "hosts/HostRouting.h"
 #include "hosts/HostStatusLog.h"
 #include "platform/Memtab.h"
@@ -86,6 +87,10 @@ class ModuleHost {
   // What the host's ARP service is doing for a wanted neighbour, for explain: "proactive ARP
   // probing, 2 probes sent, no host answers".
   virtual std::string arpState(const Plane::NextHopKey& key) const;
+  // The host's own fields of a proactive ARP entry in `show arp` (Show::arp()), added to `entry`
+  // after its key and arpVrfId: the simulator's probe count, the kernel's neighbour state. None
+  // by default.
+  virtual void arpShow(const Plane::NextHopKey& key, Json& entry) const;
 
   const FwdL3Unicast::NexthopNhIndexResolverInputs& inputs() const { return inputs_; }
   const Hub::TaskScheduler::Ptr& scheduler() const { return inputs_.scheduler; }

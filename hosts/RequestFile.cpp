@@ -18,7 +18,9 @@ namespace {
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
-L3::VrfName vrfName(std::string_view text) {
+}  // namespace
+
+L3::VrfName vrfNameParse(std::string_view text) {
   if (text.size() > L3::VrfName::maxLength()) {
     throw std::invalid_argument("VRF name of " + std::to_string(text.size()) + " bytes is over " +
                                 std::to_string(L3::VrfName::maxLength()));
@@ -30,6 +32,8 @@ L3::VrfName vrfName(std::string_view text) {
   }
   return L3::VrfName(text);
 }
+
+namespace {
 
 Netval::IpGenAddr nexthop(std::string_view text) {
   Netval::IpGenAddr addr;
@@ -44,7 +48,9 @@ Netval::IpGenAddr nexthop(std::string_view text) {
   return addr;
 }
 
-Netval::IntfId intf(std::string_view text, const IntfParser& parseIntf) {
+}  // namespace
+
+Netval::IntfId intfParse(std::string_view text, const IntfParser& parseIntf) {
   try {
     const Netval::IntfId id = parseIntf(text);
     if (!id.empty()) return id;
@@ -52,8 +58,6 @@ Netval::IntfId intf(std::string_view text, const IntfParser& parseIntf) {
   }
   throw std::invalid_argument("bad interface name " + quoted(text));
 }
-
-}  // namespace
 
 std::vector<std::string_view> lineWords(std::string_view line) {
   line = line.substr(0, line.find('#'));
@@ -72,8 +76,8 @@ std::vector<std::string_view> lineWords(std::string_view line) {
 FwdL3Unicast::NexthopNhIndexResolverKey requestKeyParse(std::string_view vrf, std::string_view addr,
                                                         std::string_view intfName,
                                                         const IntfParser& parseIntf) {
-  return FwdL3Unicast::NexthopNhIndexResolverKey(vrfName(vrf), nexthop(addr),
-                                                 intf(intfName, parseIntf));
+  return FwdL3Unicast::NexthopNhIndexResolverKey(vrfNameParse(vrf), nexthop(addr),
+                                                 intfParse(intfName, parseIntf));
 }
 
 RequestFile requestFileParse(std::string_view text, std::string_view file,

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
+#include "framework/L3VrfName.h"
 #include "framework/Netval.h"
 
 namespace Hosts {
@@ -26,6 +27,12 @@ std::vector<std::string_view> lineWords(std::string_view line);
 // How a host names interfaces: the simulator knows only the switch's forms, the Linux host takes
 // kernel names. Throws (any std::exception) for a name it refuses.
 using IntfParser = std::function<Netval::IntfId(std::string_view)>;
+
+// A VRF name as an operator wrote it; throws std::invalid_argument for one over 100 bytes or with
+// a control character.
+L3::VrfName vrfNameParse(std::string_view text);
+// An interface name `parseIntf` takes; throws std::invalid_argument ("bad interface name 'x'").
+Netval::IntfId intfParse(std::string_view text, const IntfParser& parseIntf);
 
 // One request from its three words, with the checks below; throws std::invalid_argument with
 // the reason ("bad address '10.0.0'"), never a place.

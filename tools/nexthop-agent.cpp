@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
@@ -19,9 +20,7 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/DualLog.h"
 #include "framework/L3VrfName.h"
-#include "framework/RingLog.h"
 #include "hosts/ControlCommands.h"
 #include "hosts/HostCli.h"
 #include "hosts/HostError.h"
@@ -38,8 +37,10 @@ using Hosts::Linux::EventLoop;
 using Hosts::Linux::LinuxHost;
 using Hosts::Linux::LinuxHostConfig;
 
-constexpr int kFailed = 1;
-constexpr int kUsageError = 2;
+using Hosts::Cli::kFailed;
+using Hosts::Cli::kUsageError;
+
+constexpr const char* kProgram = "nexthop-agent";
 
 struct Options {
   std::string netns;
@@ -51,14 +52,9 @@ struct Options {
   int fecMode = 2;
   bool json = false;
   std::string trace;
-  std::string ring;
+  Hosts::Cli::RingOptions ring;
   std::string command;
 };
-
-int usageError(const std::string& why) {
-  std::cerr << "nexthop-agent: " << why << '\n';
-  return kUsageError;
-}
 
 // "FIRST-LAST", 1 <= FIRST <= LAST < 2^32.
 bool parseRange(std::string_view text, uint32_t& first, uint32_t& last) {
@@ -115,11 +111,12 @@ Hosts::StatusStamp wallClockStamp() {
   return {text, "unixTimeMs", static_cast<uint64_t>(ms.count())};
 }
 
-int runClient(const Options& options) {
-  if (options.socket.empty()) return usageError("-c needs --socket PATH");
+int runClient(const CLI::App& app, const Options& options) {
+  if (options.socket.empty()) return Hosts::Cli::usageError(app, "-c needs --socket PATH");
   ControlAnswer answer;
   try {
-    answer = Hosts::Linux::controlRequest(options.socket, options.command);
+    answer = Hosts::Linux::controlRequest(options.socket,
+                                          (options.json ? "--json " : "") + options.command);
   } catch (const std::exception& e) {
     std::cerr << "nexthop-agent: " << e.what() << '\n';
     return kFailed;
@@ -128,8 +125,8 @@ int runClient(const Options& options) {
     std::cerr << "nexthop-agent: " << answer.text << '\n';
     return kUsageError;
   }
-  std::cout << answer.text << std::flush;
-  return 0;
+  std::cout << answer.text;
+  return Hosts::Cli::finishOutput(kProgram, 0);
 }
 
 // Keeps the loop watching exactly the control server's descriptors, which change as clients
@@ -167,9 +164,9 @@ class ControlWatch {
   std::set<int> watched_;
 };
 
-int runAgent(const Options& options) {
+int runAgent(const CLI::App& app, const Options& options) {
   LinuxHostConfig config;
-  if (auto refused = configFrom(options, config)) return usageError(*refused);
+  if (auto refused = configFrom(options, config)) return Hosts::Cli::usageError(app, *refused);
   const Hosts::IntfParser parseIntf = [](std::string_view name) {
     return Netval::IntfId::fromKernelName(name);
   };
@@ -179,11 +176,13 @@ int runAgent(const Options& options) {
     for (const std::string& error : requests.errors) std::cerr << error << '\n';
     if (!requests.errors.empty()) return kUsageError;
   }
+  std::optional<Hosts::Cli::Tracing> tracing;
   try {
-    if (!options.trace.empty()) DualLog::textFilterIs(options.trace);
-    if (!options.ring.empty()) RingLog::open(options.ring);
+    std::vector<std::string> inputs;
+    if (!options.requests.empty()) inputs.push_back(options.requests);
+    tracing.emplace(options.trace, options.ring, inputs, [] { return wallClockStamp().text; });
   } catch (const std::exception& e) {
-    return usageError(e.what());
+    return Hosts::Cli::usageError(app, e.what());
   }
   // A reader that goes away must not kill the agent before it has cleaned up.
   ::signal(SIGPIPE, SIG_IGN);
@@ -214,63 +213,75 @@ int runAgent(const Options& options) {
     server.reset();
     host.cleanup();
   } catch (const std::exception& e) {
-    std::cerr << "nexthop-agent: " << e.what() << '\n';
+    std::cerr << kProgram << ": " << e.what() << '\n';
     status = kFailed;
   }
-  if (!options.ring.empty()) RingLog::close();
   return status;
+}
+
+// Every line of `text` indented by two blanks, as the help's lists are.
+std::string indented(const std::string& text) {
+  std::string out;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    const size_t end = std::min(text.find('\n', pos), text.size());
+    out += "  " + text.substr(pos, end - pos) + '\n';
+    pos = end + 1;
+  }
+  return out;
+}
+
+void optionsIs(CLI::App& app, Options& options) {
+  Hosts::Cli::conventionsIs(app, kProgram);
+  app.description(
+      "Runs the next-hop index resolver over the running Linux kernel: requests from a file and "
+      "the control socket, one line per status change on standard output. With -c it is a "
+      "client of a running agent's control socket instead.");
+  app.add_option("--netns", options.netns,
+                 "run for network namespace NS as the VRF \"default\" (default: our own)")
+      ->type_name("NS");
+  app.add_option("--vrf", options.vrfs, "map a VRF to a named network namespace (repeatable)")
+      ->type_name("NAME=NETNS")
+      ->take_all();
+  app.add_option("--requests", options.requests,
+                 "requests, one \"VRF ADDR INTF\" per line, '#' comments")
+      ->type_name("FILE");
+  app.add_option("--socket", options.socket, "control socket (owner-only Unix stream socket)")
+      ->type_name("PATH");
+  app.add_option("--program-nexthops", options.programNexthops,
+                 "keep a nexthop object per via proactive ARP keeps, ids in FIRST-LAST "
+                 "(default 1000000-1999999)")
+      ->type_name("[FIRST-LAST]")
+      ->expected(0, 1);
+  app.add_option("--fec-mode", options.fecMode, "the FIB's FEC mode: 1 per VRF, 2 global")
+      ->check(CLI::IsMember({1, 2}))
+      ->option_text("1|2");
+  Hosts::Cli::jsonOptionIs(app, options.json,
+                           "status lines as one JSON object per line; with -c, the answer as JSON");
+  Hosts::Cli::traceOptionIs(app, options.trace);
+  Hosts::Cli::ringOptionsIs(app, options.ring);
+  app.add_option("-c", options.command,
+                 "client: send COMMAND to the agent at --socket PATH and print its answer")
+      ->type_name("COMMAND");
+  app.footer(
+      "Exit status: 0 after SIGINT or SIGTERM (for -c, a command answered), 1 when it cannot "
+      "start (or, for -c, reach the agent), 2 for a refused command line, request file or, for "
+      "-c, command.\n\n"
+      "Control commands (one per line on the socket, or with -c):\n" +
+      indented(Hosts::ControlCommands::help()) +
+      "\nA first word -j or --json (what -c sends with -j) asks for the answer as one JSON "
+      "document, with the field names of nexthop-sim -j.");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app(
-      "Runs the next-hop index resolver over the running Linux kernel: requests from a file and "
-      "the control socket, one line per status change on standard output.\n"
-      "Client: nexthop-agent --socket PATH -c 'COMMAND'",
-      "nexthop-agent");
-  app.set_version_flag("--version", Hosts::Cli::versionText("nexthop-agent"));
+  CLI::App app;
   Options options;
-  app.add_option("--netns", options.netns,
-                 "run for network namespace NS as the VRF \"default\" (default: our own)")
-      ->option_text("NS");
-  app.add_option("--vrf", options.vrfs, "map a VRF to a named network namespace (repeatable)")
-      ->option_text("NAME=NETNS")
-      ->take_all();
-  app.add_option("--requests", options.requests,
-                 "requests, one \"VRF ADDR INTF\" per line, '#' comments")
-      ->option_text("FILE");
-  app.add_option("--socket", options.socket, "control socket (owner-only Unix stream socket)")
-      ->option_text("PATH");
-  app.add_option("--program-nexthops", options.programNexthops,
-                 "keep a nexthop object per via proactive ARP keeps, ids in FIRST-LAST "
-                 "(default 1000000-1999999)")
-      ->option_text("[FIRST-LAST]")
-      ->expected(0, 1);
-  app.add_option("--fec-mode", options.fecMode, "the FIB's FEC mode: 1 per VRF, 2 global")
-      ->check(CLI::IsMember({1, 2}))
-      ->option_text("1|2");
-  app.add_flag("--json", options.json, "status lines as one JSON object per line");
-  app.add_option("--trace", options.trace, "text trace to stderr, e.g. '*/8'")
-      ->option_text("FILTER");
-  app.add_option("--ring", options.ring, "binary ring trace to FILE (read it with ringlog-cat)")
-      ->option_text("FILE");
-  app.add_option("-c", options.command, "client: send COMMAND to --socket, print the answer")
-      ->option_text("COMMAND");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForVersion& e) {
-    std::cout << e.what() << '\n';
-    return 0;
-  } catch (const CLI::CallForHelp&) {
-    std::cout << app.help() << "\nControl commands:\n" << Hosts::ControlCommands::help();
-    return 0;
-  } catch (const CLI::ParseError& e) {
-    std::cerr << "nexthop-agent: " << e.what() << '\n' << "usage: see nexthop-agent --help\n";
-    return kUsageError;
-  }
+  optionsIs(app, options);
+  if (auto done = Hosts::Cli::parse(app, argc, argv)) return *done;
   // Given with or without a range, the option turns programming on.
   options.program = app.count("--program-nexthops") > 0;
-  if (!options.command.empty() || app.count("-c") > 0) return runClient(options);
-  return runAgent(options);
+  if (app.count("-c") > 0) return runClient(app, options);
+  return runAgent(app, options);
 }

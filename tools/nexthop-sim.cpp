@@ -12,8 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/DualLog.h"
-#include "framework/RingLog.h"
 #include "hosts/HostCli.h"
 #include "hosts/HostLineEditor.h"
 #include "hosts/HostOutput.h"
@@ -96,18 +94,6 @@ void optionsIs(CLI::App& app, Options& options) {
              Sim::Scenario::help());
 }
 
-// Checks the options against the file system and starts tracing; the exit status when the
-// program ends here.
-std::optional<int> startTracing(const CLI::App& app, const Options& options) {
-  try {
-    Hosts::Cli::traceStart(options.trace);
-    Hosts::Cli::ringStart(options.ring, {options.file});
-  } catch (const std::exception& e) {
-    return Hosts::Cli::usageError(app, e.what());
-  }
-  return std::nullopt;
-}
-
 Sim::Scenario::ExitStatus runScenario(const Options& options, Sim::Scenario& scenario) {
   if (options.file.empty()) {
     if (options.interactive) return Sim::Scenario::kPassed;
@@ -134,14 +120,6 @@ int main(int argc, char** argv) {
   Options options;
   optionsIs(app, options);
   if (auto done = Hosts::Cli::parse(app, argc, argv)) return *done;
-  if (options.trace == "list") {
-    if (options.json) {
-      std::cout << Hosts::Json(Hosts::Cli::traceUnits()).dump() << '\n';
-    } else {
-      std::cout << Hosts::Cli::traceUnitList();
-    }
-    return Hosts::Cli::finishOutput(kProgram, 0);
-  }
   // The scenario file, and standard input when -i reads it.
   std::vector<std::string> inputs;
   if (!options.file.empty()) inputs.push_back(options.file);
@@ -152,11 +130,16 @@ int main(int argc, char** argv) {
       return Sim::Scenario::kInputError;
     }
   }
-  if (auto failed = startTracing(app, options)) return *failed;
   int status = Sim::Scenario::kPassed;
   // Trace lines carry the virtual time, also those written while the host is built.
   const Sim::SimHost* clock = nullptr;
-  Hosts::Cli::traceStampIs([&clock] { return std::to_string(clock ? clock->now() : 0) + "ms"; });
+  std::optional<Hosts::Cli::Tracing> tracing;
+  try {
+    tracing.emplace(options.trace, options.ring, std::vector<std::string>{options.file},
+                    [&clock] { return std::to_string(clock ? clock->now() : 0) + "ms"; });
+  } catch (const std::exception& e) {
+    return Hosts::Cli::usageError(app, e.what());
+  }
   {
     Sim::SimHost host;
     clock = &host;
@@ -171,7 +154,6 @@ int main(int argc, char** argv) {
     if (options.dump) scenario.dumpOut();
     clock = nullptr;
   }
-  DualLog::textSinkIs(nullptr);
-  if (!options.ring.path.empty()) RingLog::close();
+  tracing.reset();
   return Hosts::Cli::finishOutput(kProgram, status);
 }

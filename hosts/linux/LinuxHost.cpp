@@ -739,6 +739,15 @@ std::string LinuxHost::arpState(const Plane::NextHopKey& key) const {
   return os.str();
 }
 
+void LinuxHost::arpShow(const Plane::NextHopKey& key, Hosts::Json& entry) const {
+  entry["managed"] = ownedNeighbours_.contains(key);
+  Space* space = spaceOf(key.intfId());
+  const Neighbour* n = space && space->open()
+                           ? space->neighbour(space->ifindexOf(key.intfId()), key.addr().v4())
+                           : nullptr;
+  entry["kernelState"] = n ? Hosts::Json(neighbourStateText(n->state)) : Hosts::Json(nullptr);
+}
+
 std::string LinuxHost::hostDump() const {
   std::ostringstream os;
   os << "LinuxHost\n";

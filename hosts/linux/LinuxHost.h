@@ -83,6 +83,9 @@ class LinuxHost : public ModuleHost, private ProactiveArpClients::Service {
   // The host's own state: namespaces, interfaces, counters.
   std::string hostDump() const;
   std::string arpState(const Plane::NextHopKey& key) const override;
+  // "managed": whether the host keeps a managed neighbour entry for it; "kernelState": the
+  // kernel's entry's state as `ip neigh` names it ("REACHABLE"), null without one.
+  void arpShow(const Plane::NextHopKey& key, Hosts::Json& entry) const override;
 
   // The nexthop object programmed for a via, in programming mode.
   std::optional<uint32_t> programmedId(const Plane::NextHopKey& key) const;

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace Hosts::Linux {
 
@@ -303,6 +304,19 @@ Nexthop parseNexthop(const nlmsghdr* nlh) {
 }
 
 }  // namespace
+
+std::string neighbourStateText(uint16_t state) {
+  static constexpr std::pair<uint16_t, const char*> kNames[] = {
+      {NUD_INCOMPLETE, "INCOMPLETE"}, {NUD_REACHABLE, "REACHABLE"}, {NUD_STALE, "STALE"},
+      {NUD_DELAY, "DELAY"},           {NUD_PROBE, "PROBE"},         {NUD_FAILED, "FAILED"},
+      {NUD_NOARP, "NOARP"},           {NUD_PERMANENT, "PERMANENT"},
+  };
+  std::string text;
+  for (const auto& [bit, name] : kNames) {
+    if ((state & bit) != 0) text += (text.empty() ? "" : "|") + std::string(name);
+  }
+  return text.empty() ? "NONE" : text;
+}
 
 bool Neighbour::hasMac() const {
   constexpr uint16_t kUsable =

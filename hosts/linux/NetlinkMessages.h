@@ -80,6 +80,10 @@ struct Route {
 };
 
 // An IPv4 neighbour entry (RTM_NEWNEIGH / RTM_DELNEIGH of family AF_INET).
+// A neighbour state (NUD_*) as `ip neigh` names it: "REACHABLE", "STALE|NOARP" for several,
+// "NONE" for none.
+std::string neighbourStateText(uint16_t state);
+
 struct Neighbour {
   int32_t ifindex = 0;
   uint32_t dst = 0;       // host order

@@ -653,23 +653,11 @@ void Scenario::cmdShowVrfs(Args& args) {
 
 namespace {
 
-// {"entries": [{"dev", "dst", "arpVrfId", "probes", "triggers"}], "hosts": [{"dev", "dst",
-// "lladdr"}]}: what proactive ARP is asked for, and the simulated hosts that answer it.
+// Show::arp() and "hosts": [{"dev", "dst", "lladdr"}], the simulated hosts that answer it.
 Hosts::Json arpJson(const SimHost& host) {
-  std::vector<Arp::ProactiveArp::ClientEntry> entries;
-  for (const auto& entry : host.clientConfig()->entry()) entries.push_back(entry);
-  std::sort(entries.begin(), entries.end());
-  const ProactiveArpService& arp = *host.arp();
-  Hosts::Json doc = {{"entries", Hosts::Json::array()}, {"hosts", Hosts::Json::array()}};
-  for (const auto& entry : entries) {
-    const Plane::NextHopKey& key = entry.key();
-    doc["entries"].push_back({{"dev", key.intfId().name()},
-                              {"dst", key.addr().toString()},
-                              {"arpVrfId", entry.arpVrfId()},
-                              {"probes", arp.probeCount(key)},
-                              {"triggers", host.clientConfig()->resolutionTrigger(key)}});
-  }
-  for (const auto& [key, ethAddr] : arp.hosts()) {
+  Hosts::Json doc = Hosts::Show::arp(host);
+  doc["hosts"] = Hosts::Json::array();
+  for (const auto& [key, ethAddr] : host.arp()->hosts()) {
     doc["hosts"].push_back({{"dev", key.intfId().name()},
                             {"dst", key.addr().toString()},
                             {"lladdr", ethAddr.toString()}});
@@ -678,13 +666,7 @@ Hosts::Json arpJson(const SimHost& host) {
 }
 
 std::string arpText(const Hosts::Json& doc) {
-  std::string text;
-  if (doc["entries"].empty()) text += "no proactive ARP entries\n";
-  for (const auto& e : doc["entries"]) {
-    text += "arp " + e["dev"].get<std::string>() + " " + e["dst"].get<std::string>() +
-            " arpVrfId " + e["arpVrfId"].dump() + " probes " + e["probes"].dump() + " triggers " +
-            e["triggers"].dump() + '\n';
-  }
+  std::string text = Hosts::Show::arpText(doc);
   for (const auto& h : doc["hosts"]) {
     text += "host " + h["dev"].get<std::string>() + " " + h["dst"].get<std::string>() + " " +
             h["lladdr"].get<std::string>() + '\n';
@@ -721,14 +703,7 @@ void Scenario::cmdShowDump(Args& args) {
   dumpOut();
 }
 
-void Scenario::dumpOut() {
-  const std::string text = host_.dump();
-  if (format_ == Hosts::OutputFormat::json) {
-    out_ << Hosts::Show::dump(text).dump() << '\n';
-  } else {
-    out_ << text;
-  }
-}
+void Scenario::dumpOut() { out_ << Hosts::Show::renderDump(host_.dump(), format_); }
 
 void Scenario::cmdExplain(Args& args) {
   const auto key = requestKey(args);

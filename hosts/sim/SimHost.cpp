@@ -75,6 +75,10 @@ std::string SimHost::arpState(const Plane::NextHopKey& key) const {
   return state + (arp_->host(key) ? ", host answers" : ", no host answers");
 }
 
+void SimHost::arpShow(const Plane::NextHopKey& key, Hosts::Json& entry) const {
+  entry["probes"] = arp_->probeCount(key);
+}
+
 void SimHost::advance(Time delta) {
   if (delta > kClockLimit - now()) {
     throw Hosts::HostError("advance " + std::to_string(delta) + " would take the virtual clock (" +

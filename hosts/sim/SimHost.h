@@ -70,6 +70,8 @@ class SimHost : public Hosts::ModuleHost {
 
   // "proactive ARP probing, 1 probe sent, no host answers".
   std::string arpState(const Plane::NextHopKey& key) const override;
+  // "probes": how many probes the entry has sent.
+  void arpShow(const Plane::NextHopKey& key, Hosts::Json& entry) const override;
 
   const ProactiveArpService::Ptr& arp() const { return arp_; }
 

@@ -9,8 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -221,10 +223,19 @@ TEST_F(NexthopAgentTest, ControlSocketAnswersEveryCommand) {
   EXPECT_NE(client("show routes").out.find("route default 203.0.113.0/24 fec "), std::string::npos);
   EXPECT_NE(client("show neigh").out.find("neigh h0 192.0.2.2 lladdr "), std::string::npos);
   const std::string arp = client("show arp").out;
-  EXPECT_EQ(arp.rfind("arp h0 192.0.2.2 arpVrfId ", 0), 0u) << arp;
-  EXPECT_NE(arp.find("managed neighbour entry of the host"), std::string::npos) << arp;
+  EXPECT_TRUE(std::regex_match(
+      arp,
+      std::regex(
+          R"(arp h0 192\.0\.2\.2 arpVrfId 1001 managed true kernelState [A-Z|]+ triggers 0\n)")))
+      << arp;
   EXPECT_EQ(client("show nh-table h0").out.find("nh-table h0: 1 nhIndex\n  nhindex 17 "), 0u);
   EXPECT_EQ(client("show nh-table").out, client("show nh-table h0").out);
+  // An interface without a table is an answer, as in the simulator.
+  const Finished noTable = client("show nh-table h9");
+  EXPECT_EQ(noTable.status, 0) << noTable.err;
+  EXPECT_EQ(noTable.out, "nh-table h9: no table\n");
+  EXPECT_EQ(client("show requests").out, "request default 203.0.113.1 h0 nhIndex 17\n");
+  EXPECT_EQ(client("show vrfs").out, "vrf default id 1 l3-status up\n");
   EXPECT_NE(client("show dump").out.find("NexthopNhIndexResolverSm"), std::string::npos);
 
   Finished deleted = client("request del default 203.0.113.1 h0");
@@ -236,6 +247,66 @@ TEST_F(NexthopAgentTest, ControlSocketAnswersEveryCommand) {
   agent.signal(SIGTERM);
   EXPECT_EQ(agent.finish().status, 0);
   EXPECT_FALSE(std::filesystem::exists(socketPath()));
+}
+
+TEST_F(NexthopAgentTest, ControlSocketAnswersJsonWhenAsked) {
+  h_->ip("nexthop add id 17 via 192.0.2.2 dev h0");
+  ChildProcess& agent =
+      startAgent({"--socket", socketPath(), "--requests", file("r", "default 203.0.113.1 h0\n")});
+  ASSERT_TRUE(agent.waitLine(statusAdd));
+  // Every kind of answer, through the client's -j and as the line's own prefix.
+  for (const char* command : {"show status", "show status default", "show requests", "show vrfs",
+                              "show arp", "show routes", "show neigh", "show nh-table",
+                              "show nh-table h9", "show dump", "explain default 203.0.113.1 h0"}) {
+    ChildProcess c({NEXTHOP_AGENT, "--socket", socketPath(), "-j", "-c", command});
+    const Finished done = c.finish();
+    ASSERT_EQ(done.status, 0) << command << ": " << done.err;
+    EXPECT_EQ(done.out.find('\n'), done.out.size() - 1) << command << ": " << done.out;
+    nlohmann::json doc;
+    EXPECT_NO_THROW(doc = nlohmann::json::parse(done.out)) << command << ": " << done.out;
+    EXPECT_EQ(Hosts::Linux::controlRequest(socketPath(), std::string("-j ") + command).text,
+              done.out)
+        << command;
+    EXPECT_EQ(Hosts::Linux::controlRequest(socketPath(), std::string("--json ") + command).text,
+              done.out)
+        << command;
+  }
+  const auto status = nlohmann::json::parse(client("-j show status").out);
+  ASSERT_EQ(status.size(), 1u);
+  EXPECT_EQ(status[0].at("vrf"), "default");
+  EXPECT_EQ(status[0].at("nexthop"), "203.0.113.1");
+  EXPECT_EQ(status[0].at("interface"), "h0");
+  EXPECT_EQ(status[0].at("nhIndex"), 17);
+  const auto arp = nlohmann::json::parse(client("--json show arp").out);
+  ASSERT_EQ(arp.at("entries").size(), 1u);
+  EXPECT_EQ(arp.at("entries")[0].at("dst"), "192.0.2.2");
+  EXPECT_EQ(arp.at("entries")[0].at("managed"), true);
+  EXPECT_TRUE(arp.at("entries")[0].at("kernelState").is_string());
+  EXPECT_EQ(nlohmann::json::parse(client("-j show nh-table h9").out),
+            nlohmann::json::parse(R"([{"dev": "h9", "present": false}])"));
+  const auto explained = nlohmann::json::parse(client("-j explain default 203.0.113.1 h0").out);
+  EXPECT_EQ(explained.at("resolved"), true);
+  const auto routes = nlohmann::json::parse(client("-j show routes").out);
+  const auto viaPeer = std::find_if(routes.begin(), routes.end(), [](const nlohmann::json& r) {
+    return r.at("prefix") == "203.0.113.0/24";
+  });
+  ASSERT_NE(viaPeer, routes.end()) << routes;
+  EXPECT_EQ(viaPeer->at("nexthops")[0].at("gateway"), "192.0.2.2");
+  EXPECT_EQ(viaPeer->at("nexthops")[0].at("dev"), "h0");
+  // A request answers nothing in either form; a refusal stays a message on stderr.
+  ChildProcess add({NEXTHOP_AGENT, "--socket", socketPath(), "--json", "-c",
+                    "request add default 203.0.113.2 h0"});
+  const Finished added = add.finish();
+  EXPECT_EQ(added.status, 0) << added.err;
+  EXPECT_EQ(added.out, "");
+  ChildProcess dup(
+      {NEXTHOP_AGENT, "--socket", socketPath(), "-j", "-c", "request add default 203.0.113.2 h0"});
+  const Finished refused = dup.finish();
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_EQ(refused.out, "");
+  EXPECT_EQ(refused.err, "nexthop-agent: request default 203.0.113.2 h0 exists\n");
+  agent.signal(SIGTERM);
+  EXPECT_EQ(agent.finish().status, 0);
 }
 
 TEST_F(NexthopAgentTest, RefusedCommandsExitTwoAndNeverReachTheModule) {
@@ -324,7 +395,54 @@ TEST_F(NexthopAgentTest, BadOptionsAreRefused) {
     const Finished done = agent.finish();
     EXPECT_EQ(done.status, 2) << args.front();
     EXPECT_EQ(done.err.rfind("nexthop-agent: ", 0), 0u) << done.err;
+    EXPECT_NE(done.err.find("\nUsage: nexthop-agent [OPTIONS]"), std::string::npos) << done.err;
   }
+}
+
+TEST_F(NexthopAgentTest, RingRecordsTheTraceAndOverwritesOnlyARingOrWithForce) {
+  const std::string ring = dir_ + "/agent.ring";
+  const auto runWithRing = [&](std::vector<std::string> extra) {
+    extra.insert(extra.end(),
+                 {"--trace", "*/8", "--requests", file("r", "default 203.0.113.1 h0\n")});
+    ChildProcess& agent = startAgent(extra);
+    const bool up = agent.waitLine(statusAdd);
+    agent.signal(SIGTERM);
+    const Finished done = agent.finish();
+    EXPECT_TRUE(up);
+    EXPECT_EQ(done.status, 0) << done.err;
+    return done;
+  };
+  h_->ip("nexthop add id 17 via 192.0.2.2 dev h0");
+  const Finished first = runWithRing({"--ring", ring, "--ring-size", "1048576"});
+  // Text trace lines carry the wall-clock time, as the status lines do.
+  EXPECT_TRUE(std::regex_search(first.err, std::regex(R"((^|\n)\[\d{4}-\d\d-\d\dT[^\]]*Z\] )")))
+      << first.err.substr(0, 300);
+  ASSERT_TRUE(std::filesystem::exists(ring));
+  EXPECT_LE(std::filesystem::file_size(ring), 1048576u);
+  EXPECT_GT(std::filesystem::file_size(ring), 1048576u - 1048576u / 8);
+  // An old ring is overwritten, with the default size.
+  runWithRing({"--ring", ring});
+  EXPECT_GT(std::filesystem::file_size(ring), (size_t{8} << 20) - (size_t{1} << 20));
+  // A file that is not a ring is kept unless --force.
+  const std::string notes = file("notes.txt", "keep me\n");
+  ChildProcess refused({NEXTHOP_AGENT, "--netns", h_->name(), "--ring", notes});
+  const Finished done = refused.finish();
+  EXPECT_EQ(done.status, 2);
+  EXPECT_EQ(done.err.rfind("nexthop-agent: ring file " + notes +
+                               " exists and is not a ring trace (use --force to overwrite it)\n",
+                           0),
+            0u)
+      << done.err;
+  EXPECT_EQ(std::filesystem::file_size(notes), 8u);
+  runWithRing({"--force", "--ring", notes});
+  EXPECT_GT(std::filesystem::file_size(notes), 8u);
+  // Nor may the ring be the request file.
+  const std::string requests = file("r2", "default 203.0.113.1 h0\n");
+  ChildProcess same({NEXTHOP_AGENT, "--netns", h_->name(), "--force", "--requests", requests,
+                     "--ring", requests});
+  const Finished sameDone = same.finish();
+  EXPECT_EQ(sameDone.status, 2);
+  EXPECT_NE(sameDone.err.find("is the input"), std::string::npos) << sameDone.err;
 }
 
 TEST_F(NexthopAgentTest, RestartConvergesToTheSameStatuses) {
@@ -366,6 +484,69 @@ TEST_F(NexthopAgentTest, VrfInItsOwnNamespace) {
   EXPECT_NE(agent.lines().front().find("] status add blue 203.0.113.1 b0 nhIndex 41"),
             std::string::npos)
       << agent.lines().front();
+}
+
+// The command line alone: these runs end before the agent would open a namespace, and name one
+// that does not exist so that none could ever run in the machine's own.
+Finished agentRun(std::vector<std::string> args) {
+  args.insert(args.begin(), {NEXTHOP_AGENT, "--netns", "fwdt-absent-" + std::to_string(getpid())});
+  ChildProcess agent(args);
+  return agent.finish();
+}
+
+TEST(NexthopAgent, HelpPrintsTheOptionsAndTheControlCommands) {
+  for (const char* flag : {"--help", "-h"}) {
+    const Finished done = agentRun({flag});
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.err, "");
+    for (const char* text :
+         {"Usage: nexthop-agent [OPTIONS]", "--netns NS", "--vrf NAME=NETNS", "--requests FILE",
+          "--socket PATH", "--program-nexthops [FIRST-LAST]", "--fec-mode 1|2 ", "-j,--json",
+          "--trace FILTER", "--ring FILE", "--ring-size BYTES", "--force", "-c COMMAND",
+          "--version", "\n  show nh-table [INTF]\n", "\n  request add VRF ADDR INTF\n",
+          "\n  show requests [VRF]\n", "first word -j or --json"}) {
+      EXPECT_NE(done.out.find(text), std::string::npos) << text << "\n" << done.out;
+    }
+  }
+}
+
+TEST(NexthopAgent, VersionIsTheProjectsVersion) {
+  const Finished done = agentRun({"--version"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_TRUE(std::regex_match(done.out, std::regex(R"(nexthop-agent \d+\.\d+\.\d+\n)")))
+      << done.out;
+}
+
+TEST(NexthopAgent, UnknownOptionOrMissingValueExitsTwoWithTheUsage) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--bogus"}, {"--socket"}, {"--ring-size", "lots"}, {"--ring"}}) {
+    const Finished done = agentRun(args);
+    EXPECT_EQ(done.status, 2) << args.front();
+    EXPECT_EQ(done.out, "");
+    EXPECT_EQ(done.err.rfind("nexthop-agent: ", 0), 0u) << done.err;
+    EXPECT_NE(done.err.find("\nUsage: nexthop-agent [OPTIONS]"), std::string::npos) << done.err;
+  }
+}
+
+TEST(NexthopAgent, TraceListPrintsTheUnitsAndAnUnknownUnitIsRefused) {
+  const Finished list = agentRun({"--trace", "list"});
+  EXPECT_EQ(list.status, 0);
+  EXPECT_EQ(list.out.rfind("FwdNexthopNhIndexResolverSm\n", 0), 0u) << list.out;
+  EXPECT_NE(list.out.find("\nFwdViaNexthopMacToNhIndexSm\n"), std::string::npos) << list.out;
+  const Finished json = agentRun({"--json", "--trace", "list"});
+  EXPECT_EQ(json.status, 0);
+  const auto units = nlohmann::json::parse(json.out);
+  ASSERT_TRUE(units.is_array());
+  EXPECT_EQ(units.size(), static_cast<size_t>(countOf(list.out, "\n")));
+  const Finished bad = agentRun({"--trace", "Bogus/8"});
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_EQ(bad.out, "");
+  EXPECT_EQ(bad.err.rfind("nexthop-agent: unknown trace unit 'Bogus' (known units: *, "
+                          "FwdNexthopNhIndexResolverSm, ",
+                          0),
+            0u)
+      << bad.err;
+  EXPECT_NE(bad.err.find("Usage: nexthop-agent [OPTIONS]"), std::string::npos) << bad.err;
 }
 
 }  // namespace

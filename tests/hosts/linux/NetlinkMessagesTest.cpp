@@ -69,6 +69,15 @@ uint32_t ip(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
   return uint32_t(a) << 24 | uint32_t(b) << 16 | uint32_t(c) << 8 | d;
 }
 
+TEST(NetlinkMessages, NeighbourStatesAreNamedAsIpNeighNamesThem) {
+  EXPECT_EQ(neighbourStateText(NUD_REACHABLE), "REACHABLE");
+  EXPECT_EQ(neighbourStateText(NUD_STALE), "STALE");
+  EXPECT_EQ(neighbourStateText(NUD_INCOMPLETE), "INCOMPLETE");
+  EXPECT_EQ(neighbourStateText(NUD_FAILED), "FAILED");
+  EXPECT_EQ(neighbourStateText(NUD_PERMANENT | NUD_NOARP), "NOARP|PERMANENT");
+  EXPECT_EQ(neighbourStateText(NUD_NONE), "NONE");
+}
+
 TEST(NetlinkMessages, VethLinkIsUpWithItsAddress) {
   const Link link = parseOne<Link>("link-veth.bin");
   EXPECT_EQ(link.ifindex, 2);
