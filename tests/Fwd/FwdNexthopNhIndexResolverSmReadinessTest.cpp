@@ -29,6 +29,21 @@ class NexthopNhIndexResolverSmReadinessTest : public ::testing::Test,
   VrfNexthopNhIndexResolverSm::Ptr pipeline(const char* vrfName) {
     return pipelines().sm(vrf(vrfName));
   }
+  // A client of the statuses that takes the VRF (plane id 1) down and up again from inside the
+  // notification of the next status; sets bounced_.
+  std::unique_ptr<TestSupport::ChangeRecorder<NexthopNhIndexResolverKey>> bounceOnNextStatus(
+      std::string vrfName) {
+    auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+        statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+    client->onChange = [this, vrfName](const NexthopNhIndexResolverKey&) {
+      if (bounced_) return;
+      bounced_ = true;
+      vrfL3StatusDel(vrfName);
+      vrfL3StatusIs(vrfName, 1);
+    };
+    return client;
+  }
+  bool bounced_ = false;
   // A tracked VRF with a routing status; its pipeline runs once the VRF has an L3 status too.
   void tracked(const char* vrfName) {
     if (!root) rootIs();
@@ -119,21 +134,13 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   ASSERT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
   // A client of the statuses that sees the next one and takes the VRF down and up again while
   // the pipeline's stages are still publishing it.
-  bool bounced = false;
-  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
-      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
-  client->onChange = [&](const NexthopNhIndexResolverKey&) {
-    if (bounced) return;
-    bounced = true;
-    vrfL3StatusDel("red");
-    vrfL3StatusIs("red", 1);
-  };
+  const auto client = bounceOnNextStatus("red");
 
   configDir->configIs(key("red", "10.0.1.1", "Ethernet2"));
   resolver.run();
   resolver.run();
 
-  ASSERT_TRUE(bounced);
+  ASSERT_TRUE(bounced_);
   ASSERT_TRUE(pipeline("red"));
   EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
   EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.1.1")));
@@ -378,21 +385,13 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   ASSERT_EQ(statusDir->statusCount(), 0u);
   // A client of the statuses that takes the VRF down and up again on the first one, while the
   // machine of the module that is arriving is still writing its first statuses.
-  bool bounced = false;
-  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
-      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
-  client->onChange = [&](const NexthopNhIndexResolverKey&) {
-    if (bounced) return;
-    bounced = true;
-    vrfL3StatusDel("red");
-    vrfL3StatusIs("red", 1);
-  };
+  const auto client = bounceOnNextStatus("red");
 
   NextHopMod::Ptr module = NextHopMod::NextHopModIs(intf("Ethernet1"));
   module->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
   l3Modules->nextHopModIs(module);
 
-  ASSERT_TRUE(bounced);
+  ASSERT_TRUE(bounced_);
   ASSERT_TRUE(pipeline("red"));
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.2", "Ethernet1"), 5u);
