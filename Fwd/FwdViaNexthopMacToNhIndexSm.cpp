@@ -127,6 +127,33 @@ void IntfViaNexthopMacToNhIndexSm::start() {
   }
   scanDecided_ = false;
   foundBeforeScan_ = {};
+  withdrawUnheld();
+}
+
+bool IntfViaNexthopMacToNhIndexSm::heldByFoundGroup(const Netval::IpGenAddr& nexthop) const {
+  for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
+    if (group->requesterCollHas(nexthop)) return group->nhIndexFound();
+  }
+  return false;
+}
+
+void IntfViaNexthopMacToNhIndexSm::withdrawUnheld() {
+  // A group that lost a nexthop to a handler of the start's own writes had no watcher yet to
+  // withdraw that nexthop's status. Nothing is found here unless a start was re-entered.
+  std::vector<NexthopIntfId> stale;
+  do {
+    stale.clear();
+    if (retired_ || !status_) return;
+    for (const ViaNexthopMacToNhIndexMapEntry& entry : status_->map()) {
+      const NexthopIntfId& key = entry.nexthopIntfId();
+      if (key.intfId() == intfId_ && !heldByFoundGroup(key.nexthop())) stale.push_back(key);
+    }
+    for (const NexthopIntfId& key : stale) {
+      if (heldByFoundGroup(key.nexthop()) || !status_) continue;
+      DUALLOG_TRACE(8, "Deleting status for nexthop: ", key.nexthop(), " intfId: ", intfId_);
+      status_->mapDel(key);
+    }
+  } while (!stale.empty());
 }
 
 uint32_t IntfViaNexthopMacToNhIndexSm::searchNhIndex(const RequesterColl& group) const {

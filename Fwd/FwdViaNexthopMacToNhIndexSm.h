@@ -134,6 +134,10 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   // Resets the interface's statuses, scans the table, then starts one nested watcher per group
   // already in the request (none once a handler of its writes has retired the machine).
   void start();
+  // Withdraws every status of this interface whose nexthop no found group holds any more.
+  void withdrawUnheld();
+  // Whether a group of the request holds `nexthop` and has an index.
+  bool heldByFoundGroup(const Netval::IpGenAddr& nexthop) const;
 
   // Writes the nexthop's status from the group as it is now (its index while found, none
   // otherwise): what a pass of addStatusHelper or delStatus writes once a handler of one of its

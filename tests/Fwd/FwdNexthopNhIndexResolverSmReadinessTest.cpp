@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -396,4 +397,44 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.2", "Ethernet1"), 5u);
   EXPECT_EQ(statusDir->statusCount(), 2u);
+}
+
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       NexthopLeavingItsGroupWhileANewModuleStartsLosesItsStatus) {
+  const std::map<std::string, std::string> viaOf{{"10.0.0.1", "10.0.0.254"},
+                                                 {"10.0.0.2", "10.0.0.253"}};
+  fecIs(100, {{"Ethernet1", "10.0.0.254"}});
+  fecIs(101, {{"Ethernet1", "10.0.0.253"}});
+  resolver.routeIs(ip("10.0.0.1"), 100);
+  resolver.routeIs(ip("10.0.0.2"), 101);
+  neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
+  neighbourIs("Ethernet1", "10.0.0.253", "00:00:00:00:00:bb");
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  configDir->configIs(key("red", "10.0.0.2", "Ethernet1"));
+  resolver.run();
+  // On the machine's second status, the via of the request it published first loses its
+  // neighbour entry: that request leaves its group, which the machine has already written.
+  std::vector<NexthopNhIndexResolverKey> published;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey& k) {
+    published.push_back(k);
+    if (published.size() != 2) return;
+    neighbourDel("Ethernet1", viaOf.at(published.front().nexthop().toString()));
+  };
+
+  NextHopMod::Ptr module = NextHopMod::NextHopModIs(intf("Ethernet1"));
+  module->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
+  module->nhIndexToMacIs(6, mac("00:00:00:00:00:bb"));
+  l3Modules->nextHopModIs(module);
+
+  ASSERT_GE(published.size(), 2u);
+  const NexthopNhIndexResolverKey& lost = published[0];
+  const NexthopNhIndexResolverKey& kept = published[1];
+  ASSERT_NE(lost, kept);
+  EXPECT_FALSE(statusDir->statusHas(lost));
+  EXPECT_TRUE(statusDir->statusHas(kept));
+  EXPECT_EQ(statusDir->statusCount(), 1u);
 }
