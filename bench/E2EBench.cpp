@@ -140,8 +140,14 @@ constexpr uint32_t kMovedMacSlot = 250;
 
 L3::VrfName vrfName(uint32_t v) { return L3::VrfName("vrf" + std::to_string(v)); }
 // Interfaces are not shared between VRFs: VRF v owns Ethernet(16v + 1) .. Ethernet(16v + 16).
+// Interface numbers stop at 4095; past them (VRFs 256 and up) the names take a second part.
 IntfId intfOf(uint32_t v, uint32_t i) {
-  return IntfId("Ethernet" + std::to_string(v * kIntfsPerVrf + i + 1));
+  constexpr uint32_t kMaxNumber = 4095;
+  constexpr uint32_t kSubNumbers = 200;
+  const uint32_t n = v * kIntfsPerVrf + i + 1;
+  if (n <= kMaxNumber) return IntfId("Ethernet" + std::to_string(n));
+  return IntfId("Ethernet" + std::to_string(n / kSubNumbers) + "/" +
+                std::to_string(n % kSubNumbers + 1));
 }
 // Via j of a VRF leaves through interface j % 16, so each interface has four vias.
 uint32_t viaIntf(uint32_t j) { return j % kIntfsPerVrf; }
