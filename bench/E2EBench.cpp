@@ -585,9 +585,10 @@ void deleteRequests(benchmark::State& state, bool ring, bool inAddOrder = true,
   state.counters["time_per_request"] = perRequest(world.requests());
 }
 
-// Prints the cold add's memory by entity and table type: per request and per VRF. What the
-// accounting does not attribute (strings and vectors inside entities, publisher lists, the
-// host's own maps) is the remainder of the total.
+// Prints the cold add's memory by entity and table type: per request and per VRF, with the
+// count of entities or of table blocks each VRF added (a table shared by every VRF grows its one
+// block, so it adds none). What the accounting does not attribute (strings and vectors inside
+// entities, publisher lists, the host's own maps) is the remainder of the total.
 void memoryBreakdown(benchmark::State& state) {
   const BenchWorld& world = BenchWorld::instance();
   const double requests = world.requests();
@@ -598,7 +599,7 @@ void memoryBreakdown(benchmark::State& state) {
       "Memory of the cold add, %u VRFs x %u requests (%.0f bytes per request, host "
       "included):\n",
       world.vrfs(), kRequestsPerVrf, double(world.coldBytes()) / requests);
-  std::printf("%14s %12s %12s %10s  %s\n", "bytes/request", "bytes/VRF", "objects/VRF", "share",
+  std::printf("%14s %12s %12s %10s  %s\n", "bytes/request", "bytes/VRF", "count/VRF", "share",
               "entity or table (key -> member)");
   int64_t attributed = 0;
   auto row = [&](double bytes, double count, const std::string& name) {
