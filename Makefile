@@ -38,6 +38,7 @@ soak:
 	cmake --build --preset soak -j $(JOBS) --target FwdResolverModelTest nexthop-sim scale-scenario
 	tools/soak.sh
 
+# Every benchmark program, then the simulator timed on generated scale scenarios.
 bench:
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
@@ -47,6 +48,7 @@ bench:
 	  found=1; echo "== $$b"; "$$b"; \
 	done; \
 	[ $$found -eq 1 ] || echo "no benchmarks in build/bench/bench/"
+	tools/sim-bench.sh
 
 demo:
 	cmake --preset default

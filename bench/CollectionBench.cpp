@@ -1,5 +1,9 @@
-// Keyed collection against std::unordered_map with the same hash, side by side, and the cost of
-// one publication. Compare BM_Collection<Op> with BM_StdUnorderedMap<Op>.
+// Keyed collection against std::unordered_map with the same hash and against Abseil's
+// flat_hash_map (an open-addressing table with SIMD probing) with its own hash and with ours, side
+// by side, and the cost of one publication. Compare BM_Collection<Op> with BM_StdUnorderedMap<Op>,
+// BM_AbslFlatHashMap<Op> and BM_AbslFlatHashMapSameHash<Op>. Abseil is linked into the benchmarks
+// only; the library itself stays on the standard library.
+#include <absl/container/flat_hash_map.h>
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -52,6 +56,17 @@ std::unordered_map<uint64_t, uint64_t, SameHash> filledStd() {
   return m;
 }
 
+// Abseil's table with its default hash (absl::Hash) and with ours.
+using AbslMap = absl::flat_hash_map<uint64_t, uint64_t>;
+using AbslMapSameHash = absl::flat_hash_map<uint64_t, uint64_t, SameHash>;
+
+template <class M>
+M filledAbsl() {
+  M m;
+  for (size_t i = 0; i < kKeys; ++i) m.emplace(keys()[i], i);
+  return m;
+}
+
 template <class Find>
 void lookup(benchmark::State& state, size_t probeFrom, Find find) {
   auto p = probes(probeFrom);
@@ -70,6 +85,15 @@ void BM_StdUnorderedMapLookupHit(benchmark::State& state) {
   auto m = filledStd();
   lookup(state, 0, [&](uint64_t k) { return m.find(k) != m.end(); });
 }
+template <class M>
+void BM_AbslLookupHit(benchmark::State& state) {
+  auto m = filledAbsl<M>();
+  lookup(state, 0, [&](uint64_t k) { return m.find(k) != m.end(); });
+}
+void BM_AbslFlatHashMapLookupHit(benchmark::State& state) { BM_AbslLookupHit<AbslMap>(state); }
+void BM_AbslFlatHashMapSameHashLookupHit(benchmark::State& state) {
+  BM_AbslLookupHit<AbslMapSameHash>(state);
+}
 void BM_CollectionLookupMiss(benchmark::State& state) {
   auto t = filledTable();
   lookup(state, kKeys, [&](uint64_t k) { return t->map.find(k); });
@@ -77,6 +101,16 @@ void BM_CollectionLookupMiss(benchmark::State& state) {
 void BM_StdUnorderedMapLookupMiss(benchmark::State& state) {
   auto m = filledStd();
   lookup(state, kKeys, [&](uint64_t k) { return m.find(k) != m.end(); });
+}
+
+template <class M>
+void BM_AbslLookupMiss(benchmark::State& state) {
+  auto m = filledAbsl<M>();
+  lookup(state, kKeys, [&](uint64_t k) { return m.find(k) != m.end(); });
+}
+void BM_AbslFlatHashMapLookupMiss(benchmark::State& state) { BM_AbslLookupMiss<AbslMap>(state); }
+void BM_AbslFlatHashMapSameHashLookupMiss(benchmark::State& state) {
+  BM_AbslLookupMiss<AbslMapSameHash>(state);
 }
 
 // Steady churn at 1M members: each iteration erases one member and inserts another key. The
@@ -107,6 +141,17 @@ void BM_StdUnorderedMapInsertErase(benchmark::State& state) {
   auto m = filledStd();
   churn(
       state, [&](uint64_t k) { m.erase(k); }, [&](uint64_t k, uint64_t v) { m.emplace(k, v); });
+}
+
+template <class M>
+void BM_AbslInsertErase(benchmark::State& state) {
+  auto m = filledAbsl<M>();
+  churn(
+      state, [&](uint64_t k) { m.erase(k); }, [&](uint64_t k, uint64_t v) { m.emplace(k, v); });
+}
+void BM_AbslFlatHashMapInsertErase(benchmark::State& state) { BM_AbslInsertErase<AbslMap>(state); }
+void BM_AbslFlatHashMapSameHashInsertErase(benchmark::State& state) {
+  BM_AbslInsertErase<AbslMapSameHash>(state);
 }
 
 struct Counter : Core::Reactor {
@@ -146,9 +191,15 @@ void BM_CollectionSetOneSubscriber(benchmark::State& state) {
 
 BENCHMARK(BM_CollectionLookupHit);
 BENCHMARK(BM_StdUnorderedMapLookupHit);
+BENCHMARK(BM_AbslFlatHashMapLookupHit);
+BENCHMARK(BM_AbslFlatHashMapSameHashLookupHit);
 BENCHMARK(BM_CollectionLookupMiss);
 BENCHMARK(BM_StdUnorderedMapLookupMiss);
+BENCHMARK(BM_AbslFlatHashMapLookupMiss);
+BENCHMARK(BM_AbslFlatHashMapSameHashLookupMiss);
 BENCHMARK(BM_CollectionInsertErase);
 BENCHMARK(BM_StdUnorderedMapInsertErase);
+BENCHMARK(BM_AbslFlatHashMapInsertErase);
+BENCHMARK(BM_AbslFlatHashMapSameHashInsertErase);
 BENCHMARK(BM_PublishOneSubscriber);
 BENCHMARK(BM_CollectionSetOneSubscriber);

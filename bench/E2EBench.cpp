@@ -5,13 +5,20 @@
 // next to it, a plain baseline that computes the same statuses with three std::unordered_map
 // look-ups per request. Each runs with the ring trace on (as in production; text trace off) and
 // with it off (suffix _RingOff).
+//
+// BM_E2E_MemoryBreakdown prints where the memory of the first (cold) add goes, by entity type and
+// by table type, per request and per VRF, host included (the framework's memory accounting).
+// The _1M runs repeat add and delete at 256 VRFs x 4,096 requests (1,048,576); they take several
+// GiB and a minute, so they run only when a --benchmark_filter names them (e.g. =_1M).
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -27,6 +34,7 @@
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
 #include "framework/Core.h"
+#include "framework/CoreMemory.h"
 #include "framework/CoreReactor.h"
 #include "framework/DualLog.h"
 #include "framework/Hub.h"
@@ -120,11 +128,11 @@ using Netval::IntfId;
 using Netval::IpGenAddr;
 
 constexpr uint32_t kVrfs = 64;
+constexpr uint32_t kVrfsAtMillion = 256;
 constexpr uint32_t kRequestsPerVrf = 4096;
 constexpr uint32_t kIntfsPerVrf = 16;
 constexpr uint32_t kViasPerVrf = 64;
 constexpr uint32_t kIndexesPerIntf = 256;
-constexpr uint32_t kRequests = kVrfs * kRequestsPerVrf;
 // Where an interface's table carries its vias' MACs, and the second MAC of its first via (the
 // MAC change toggles between the two); every other entry carries a MAC that nobody asks for.
 constexpr uint32_t kViaSlotStride = 60;
@@ -132,8 +140,14 @@ constexpr uint32_t kMovedMacSlot = 250;
 
 L3::VrfName vrfName(uint32_t v) { return L3::VrfName("vrf" + std::to_string(v)); }
 // Interfaces are not shared between VRFs: VRF v owns Ethernet(16v + 1) .. Ethernet(16v + 16).
+// Interface numbers stop at 4095; past them (VRFs 256 and up) the names take a second part.
 IntfId intfOf(uint32_t v, uint32_t i) {
-  return IntfId("Ethernet" + std::to_string(v * kIntfsPerVrf + i + 1));
+  constexpr uint32_t kMaxNumber = 4095;
+  constexpr uint32_t kSubNumbers = 200;
+  const uint32_t n = v * kIntfsPerVrf + i + 1;
+  if (n <= kMaxNumber) return IntfId("Ethernet" + std::to_string(n));
+  return IntfId("Ethernet" + std::to_string(n / kSubNumbers) + "/" +
+                std::to_string(n % kSubNumbers + 1));
 }
 // Via j of a VRF leaves through interface j % 16, so each interface has four vias.
 uint32_t viaIntf(uint32_t j) { return j % kIntfsPerVrf; }
@@ -240,16 +254,28 @@ struct PlainHash {
 };
 using BaselineStatuses = std::unordered_map<NexthopNhIndexResolverKey, uint32_t, PlainHash>;
 
-// The host with every input in place and a root over it, built once for all benchmarks.
+// One line of the memory breakdown: what the cold add added to one entity or table type.
+struct MemoryItem {
+  std::string name;
+  int64_t count = 0;
+  int64_t bytes = 0;
+};
+
+// The host with every input in place and a root over it, built once per size for all benchmarks.
 class BenchWorld {
  public:
-  static BenchWorld& instance() {
-    static BenchWorld world;
-    return world;
+  static BenchWorld& instance(uint32_t vrfs = kVrfs) {
+    static std::map<uint32_t, std::unique_ptr<BenchWorld>> worlds;
+    std::unique_ptr<BenchWorld>& world = worlds[vrfs];
+    if (!world) world.reset(new BenchWorld(vrfs));
+    return *world;
   }
 
+  uint32_t vrfs() const { return vrfs_; }
+  uint32_t requests() const { return vrfs_ * kRequestsPerVrf; }
+
   void addAll() {
-    for (uint32_t v = 0; v < kVrfs; ++v) {
+    for (uint32_t v = 0; v < vrfs_; ++v) {
       for (uint32_t k = 0; k < kRequestsPerVrf; ++k)
         in_.configDir->configIs(keys_[v * kRequestsPerVrf + k]);
     }
@@ -291,12 +317,21 @@ class BenchWorld {
   const std::vector<NexthopNhIndexResolverKey>& keys() const { return keys_; }
   double hostBytesPerRequest() const { return hostBytesPerRequest_; }
   double coldBytesPerRequest() const { return coldBytesPerRequest_; }
+  // The cold add's growth by entity and table type, largest first, and its total (live bytes
+  // after the add less before it).
+  const std::vector<MemoryItem>& memoryBreakdown() const { return memoryBreakdown_; }
+  int64_t coldBytes() const { return coldBytes_; }
 
  private:
-  BenchWorld() {
+  // Accounting runs from before the inputs exist until the cold add is measured.
+  struct AccountingStart {
+    AccountingStart() { Core::memoryAccountingIs(true); }
+  };
+
+  explicit BenchWorld(uint32_t vrfs) : vrfs_(vrfs) {
     DualLog::textFilterIs("");
     std::map<L3::VrfName, BenchResolver::Routes> routes;
-    for (uint32_t v = 0; v < kVrfs; ++v) {
+    for (uint32_t v = 0; v < vrfs_; ++v) {
       const L3::VrfName name = vrfName(v);
       in_.vrfStatusAll->vrfIdIs(name, v + 1);
       in_.vrfStatusAll->vrfStatusIs(Plane::VrfL3Status(name, v + 1));
@@ -322,8 +357,38 @@ class BenchWorld {
                                                std::move(routes));
     root_ = FwdL3Unicast::nexthopNhIndexResolverSmFactory(in_);
     in_.scheduler->runUntilIdle();
+    const std::vector<Core::MemoryUse> before = Core::memoryUse();
+    const size_t liveBefore = allocStats.live;
     coldBytesPerRequest_ = peakBytesPerRequest();
+    coldBytes_ = int64_t(allocStats.live) - int64_t(liveBefore);
+    memoryBreakdown_ = growth(before, Core::memoryUse());
+    Core::memoryAccountingIs(false);
     deleteAll();
+  }
+
+  // What each entity and table type gained from `before` to `after`.
+  static std::vector<MemoryItem> growth(const std::vector<Core::MemoryUse>& before,
+                                        const std::vector<Core::MemoryUse>& after) {
+    std::map<std::string, MemoryItem> items;
+    for (const Core::MemoryUse& use : after) {
+      MemoryItem& item = items[use.name];
+      item.name = use.name;
+      item.count += int64_t(use.count);
+      item.bytes += int64_t(use.bytes);
+    }
+    for (const Core::MemoryUse& use : before) {
+      MemoryItem& item = items[use.name];
+      item.name = use.name;
+      item.count -= int64_t(use.count);
+      item.bytes -= int64_t(use.bytes);
+    }
+    std::vector<MemoryItem> out;
+    for (auto& [name, item] : items) {
+      if (item.bytes != 0 || item.count != 0) out.push_back(std::move(item));
+    }
+    std::stable_sort(out.begin(), out.end(),
+                     [](const MemoryItem& a, const MemoryItem& b) { return a.bytes > b.bytes; });
+    return out;
   }
 
   // The peak of live bytes while every request is added and published, per request. The first
@@ -332,21 +397,21 @@ class BenchWorld {
     const size_t liveBefore = allocStats.live;
     allocStats.peak = allocStats.live;
     addAll();
-    return double(allocStats.peak - liveBefore) / kRequests;
+    return double(allocStats.peak - liveBefore) / requests();
   }
 
   // What the host itself holds per request once every request is published: the request in
   // its collection and the resolver's status entry of its next hop. Measured apart, on copies.
   double hostBytesPerRequest(const std::map<L3::VrfName, BenchResolver::Routes>& routes) const {
     const size_t before = allocStats.live;
-    auto requests = FwdL3Unicast::nexthopNhIndexResolverConfigDirFactory();
-    for (const NexthopNhIndexResolverKey& key : keys_) requests->configIs(key);
+    auto requestDir = FwdL3Unicast::nexthopNhIndexResolverConfigDirFactory();
+    for (const NexthopNhIndexResolverKey& key : keys_) requestDir->configIs(key);
     auto statuses = Routing::NexthopStatus::NexthopStatusIs();
     for (const auto& [name, entries] : routes) {
       Routing::NexthopVrfStatus::Ptr vrfStatus = statuses->vrfIs(name);
       for (const Routing::NexthopStatusEntry& entry : entries) vrfStatus->nexthopIs(entry);
     }
-    return double(allocStats.live - before) / kRequests;
+    return double(allocStats.live - before) / requests();
   }
 
   // Slot s of interface i: the MAC of the interface's via s / 60 at 0, 60, 120 and 180, the
@@ -366,6 +431,8 @@ class BenchWorld {
     in_.l3Modules->nextHopModIs(module);
   }
 
+  uint32_t vrfs_;
+  AccountingStart accountingStart_;
   // Every input of the root, fresh and empty.
   FwdL3Unicast::NexthopNhIndexResolverInputs in_ =
       FwdL3Unicast::NexthopNhIndexResolverInputs::fresh();
@@ -375,6 +442,8 @@ class BenchWorld {
   std::vector<NexthopNhIndexResolverKey> keys_;
   double hostBytesPerRequest_ = 0;
   double coldBytesPerRequest_ = 0;
+  int64_t coldBytes_ = 0;
+  std::vector<MemoryItem> memoryBreakdown_;
   bool macMoved_ = false;
   std::unordered_map<VrfNexthop, IntfAddr, PlainHash> baseRoute_;
   std::unordered_map<IntfAddr, EthAddr, PlainHash> baseNeighbour_;
@@ -410,15 +479,16 @@ benchmark::Counter perRequest(double requestsPerIteration) {
 }
 
 void requireAllPublished(benchmark::State& state, const BenchWorld& world) {
-  if (world.statusCount() != kRequests) {
+  if (world.statusCount() != world.requests()) {
     state.SkipWithError(("published " + std::to_string(world.statusCount()) + " statuses of " +
-                         std::to_string(kRequests))
+                         std::to_string(world.requests()))
                             .c_str());
   }
 }
 
-void addRequests(benchmark::State& state, bool ring) {
-  BenchWorld& world = BenchWorld::instance();
+void addRequests(benchmark::State& state, bool ring, uint32_t vrfs = kVrfs) {
+  BenchWorld& world = BenchWorld::instance(vrfs);
+  const uint32_t requests = world.requests();
   RingScope scope(ring);
   double warmBytes = 0;
   double allocations = 0;
@@ -428,13 +498,13 @@ void addRequests(benchmark::State& state, bool ring) {
     allocStats.peak = allocStats.live;
     world.addAll();
     state.PauseTiming();
-    warmBytes = std::max(warmBytes, double(allocStats.peak - liveBefore) / kRequests);
-    allocations = std::max(allocations, double(allocStats.count - countBefore) / kRequests);
+    warmBytes = std::max(warmBytes, double(allocStats.peak - liveBefore) / requests);
+    allocations = std::max(allocations, double(allocStats.count - countBefore) / requests);
     requireAllPublished(state, world);
     world.deleteAll();
     state.ResumeTiming();
   }
-  state.counters["time_per_request"] = perRequest(kRequests);
+  state.counters["time_per_request"] = perRequest(requests);
   // Peak memory from a fresh start (every table grows), then with the tables a previous run left.
   state.counters["bytes_per_request"] = world.coldBytesPerRequest();
   state.counters["warm_bytes_per_request"] = warmBytes;
@@ -464,13 +534,13 @@ void baseline(benchmark::State& state, bool) {
     allocStats.peak = allocStats.live;
     BaselineStatuses statuses;
     benchmark::DoNotOptimize(world.baseline(statuses));
-    bytes = double(allocStats.peak - liveBefore) / kRequests;
+    bytes = double(allocStats.peak - liveBefore) / world.requests();
     // As for the module, tearing the statuses down is not part of computing them.
     state.PauseTiming();
     statuses = {};
     state.ResumeTiming();
   }
-  state.counters["time_per_request"] = perRequest(kRequests);
+  state.counters["time_per_request"] = perRequest(world.requests());
   state.counters["bytes_per_request"] = bytes;
 }
 
@@ -496,8 +566,9 @@ void macChange(benchmark::State& state, bool ring) {
 // Deletes every request either VRF by VRF, in the order they were added, or all at once through
 // the request collection's delete-all, whose hash order scatters consecutive deletions over
 // every VRF's pipeline (and so over far more memory).
-void deleteRequests(benchmark::State& state, bool ring, bool inAddOrder = true) {
-  BenchWorld& world = BenchWorld::instance();
+void deleteRequests(benchmark::State& state, bool ring, bool inAddOrder = true,
+                    uint32_t vrfs = kVrfs) {
+  BenchWorld& world = BenchWorld::instance(vrfs);
   RingScope scope(ring);
   for (auto _ : state) {
     state.PauseTiming();
@@ -511,10 +582,49 @@ void deleteRequests(benchmark::State& state, bool ring, bool inAddOrder = true) 
     }
   }
   if (world.statusCount() != 0) state.SkipWithError("statuses left after deleting every request");
-  state.counters["time_per_request"] = perRequest(kRequests);
+  state.counters["time_per_request"] = perRequest(world.requests());
+}
+
+// Prints the cold add's memory by entity and table type: per request and per VRF, with the
+// count of entities or of table blocks each VRF added (a table shared by every VRF grows its one
+// block, so it adds none). What the accounting does not attribute (strings and vectors inside
+// entities, publisher lists, the host's own maps) is the remainder of the total.
+void memoryBreakdown(benchmark::State& state) {
+  const BenchWorld& world = BenchWorld::instance();
+  const double requests = world.requests();
+  const double vrfs = world.vrfs();
+  for (auto _ : state) {
+  }
+  std::printf(
+      "Memory of the cold add, %u VRFs x %u requests (%.0f bytes per request, host "
+      "included):\n",
+      world.vrfs(), kRequestsPerVrf, double(world.coldBytes()) / requests);
+  std::printf("%14s %12s %12s %10s  %s\n", "bytes/request", "bytes/VRF", "count/VRF", "share",
+              "entity or table (key -> member)");
+  int64_t attributed = 0;
+  auto row = [&](double bytes, double count, const std::string& name) {
+    std::printf("%14.1f %12.0f %12.1f %9.1f%%  %s\n", bytes / requests, bytes / vrfs, count / vrfs,
+                100.0 * bytes / double(world.coldBytes()), name.c_str());
+  };
+  for (const MemoryItem& item : world.memoryBreakdown()) {
+    row(double(item.bytes), double(item.count), item.name);
+    attributed += item.bytes;
+  }
+  row(double(world.coldBytes() - attributed), 0, "not attributed (strings, vectors, lists)");
+  std::fflush(stdout);
+  state.counters["bytes_per_request"] = double(world.coldBytes()) / requests;
+  state.counters["attributed_bytes_per_request"] = double(attributed) / requests;
 }
 
 void BM_E2E_AddRequests(benchmark::State& state) { addRequests(state, true); }
+void BM_E2E_MemoryBreakdown(benchmark::State& state) { memoryBreakdown(state); }
+void BM_E2E_AddRequests_1M(benchmark::State& state) { addRequests(state, true, kVrfsAtMillion); }
+void BM_E2E_DeleteRequests_1M(benchmark::State& state) {
+  deleteRequests(state, true, true, kVrfsAtMillion);
+}
+void BM_E2E_DeleteRequestsHashOrder_1M(benchmark::State& state) {
+  deleteRequests(state, true, false, kVrfsAtMillion);
+}
 void BM_E2E_AddRequests_RingOff(benchmark::State& state) { addRequests(state, false); }
 // The baseline writes no trace; its _RingOff twin is there for side-by-side reading.
 void BM_E2E_Baseline(benchmark::State& state) { baseline(state, true); }
@@ -531,6 +641,7 @@ void BM_E2E_DeleteRequestsHashOrder_RingOff(benchmark::State& state) {
 // Whole-population runs take about a second each: a few iterations are enough.
 BENCHMARK(BM_E2E_AddRequests)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_E2E_AddRequests_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_MemoryBreakdown)->Iterations(1);
 BENCHMARK(BM_E2E_Baseline)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_E2E_Baseline_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_E2E_MacChange)->Unit(benchmark::kMicrosecond);
@@ -539,5 +650,22 @@ BENCHMARK(BM_E2E_DeleteRequests)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_E2E_DeleteRequests_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_E2E_DeleteRequestsHashOrder)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_E2E_DeleteRequestsHashOrder_RingOff)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_AddRequests_1M)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_DeleteRequests_1M)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_E2E_DeleteRequestsHashOrder_1M)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 }  // namespace
+
+// Runs every benchmark but the _1M ones, unless a --benchmark_filter names what to run.
+int main(int argc, char** argv) {
+  bool filtered = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]).starts_with("--benchmark_filter")) filtered = true;
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  if (!filtered) benchmark::SetBenchmarkFilter("-_1M");
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

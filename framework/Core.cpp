@@ -1,6 +1,7 @@
 #include "framework/Core.h"
 
 #include "framework/CoreDump.h"
+#include "framework/CoreMemory.h"
 
 namespace Core {
 
@@ -84,7 +85,43 @@ void liveNodesAdd(int64_t delta) {
 }
 }  // namespace
 
-Node::Node() { liveNodesAdd(1); }
+Node::Node() {
+  liveNodesAdd(1);
+  if (detail::memoryAccounting()) detail::entityConstructed(this);
+}
+
+void* Node::operator new(size_t bytes) {
+  void* block = ::operator new(bytes);
+  if (detail::memoryAccounting()) detail::entityAllocated(block, bytes);
+  return block;
+}
+
+void* Node::operator new(size_t bytes, std::align_val_t align) {
+  void* block = ::operator new(bytes, align);
+  if (detail::memoryAccounting()) detail::entityAllocated(block, bytes);
+  return block;
+}
+
+// Clang declares the sized global forms only with -fsized-deallocation; the unsized ones free
+// the same block.
+void Node::operator delete(void* block, [[maybe_unused]] size_t bytes) noexcept {
+  if (detail::memoryAccounting()) detail::entityFreed(block);
+#if defined(__cpp_sized_deallocation)
+  ::operator delete(block, bytes);
+#else
+  ::operator delete(block);
+#endif
+}
+
+void Node::operator delete(void* block, [[maybe_unused]] size_t bytes,
+                           std::align_val_t align) noexcept {
+  if (detail::memoryAccounting()) detail::entityFreed(block);
+#if defined(__cpp_sized_deallocation)
+  ::operator delete(block, bytes, align);
+#else
+  ::operator delete(block, align);
+#endif
+}
 
 Node::~Node() { liveNodesAdd(-1); }
 

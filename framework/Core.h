@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -102,6 +104,12 @@ class Node {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
   virtual ~Node();
+
+  // Entities come from the global operator new; these add memory accounting (CoreMemory.h).
+  static void* operator new(size_t bytes);
+  static void* operator new(size_t bytes, std::align_val_t align);
+  static void operator delete(void* block, size_t bytes) noexcept;
+  static void operator delete(void* block, size_t bytes, std::align_val_t align) noexcept;
 
   void ref() const {
     if (threadSafe()) {

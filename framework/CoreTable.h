@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -20,6 +21,15 @@ template <class Key>
 consteval uint32_t keySeed() {
   return seedOf(__PRETTY_FUNCTION__);
 }
+
+namespace detail {
+// The compiler's name of this function names a table's key and member types: memory accounting
+// files table blocks under it.
+template <class Key, class Slot>
+constexpr std::string_view tableTypes() {
+  return __PRETTY_FUNCTION__;
+}
+}  // namespace detail
 
 // Open-addressing hash table with linear probing over a separate byte of control data per slot
 // (empty, deleted, or seven bits of the key's hash). Erasing never moves another member, so a
@@ -201,7 +211,11 @@ class HashTable {
     if constexpr (kInlineBlock) {
       if (capacity == kMinCapacity) return inline_.bytes;
     }
-    return blockAlloc(blockSize(capacity), alignof(Slot));
+    void* block = blockAlloc(blockSize(capacity), alignof(Slot));
+    if (detail::memoryAccounting()) {
+      detail::tableBlockAccount(detail::tableTypes<Key, Slot>(), blockSize(capacity), true);
+    }
+    return block;
   }
 
   void allocate(size_t capacity) {
@@ -215,6 +229,9 @@ class HashTable {
 
   void deallocate(Slot* slots, size_t capacity) {
     if (isInline(slots)) return;
+    if (slots && detail::memoryAccounting()) {
+      detail::tableBlockAccount(detail::tableTypes<Key, Slot>(), blockSize(capacity), false);
+    }
     blockFree(slots, blockSize(capacity), alignof(Slot));
   }
 

@@ -187,7 +187,20 @@ std::ostream& operator<<(std::ostream& os, const IpGenAddr& a) {
   return os;
 }
 
-std::string IpGenAddr::toString() const { return streamed(*this); }
+// What operator<< prints on a fresh stream; IPv4 (status lines, traces, dumps) without one.
+std::string IpGenAddr::toString() const {
+  if (af_ != AddressFamily::ipv4_) return streamed(*this);
+  char text[16];
+  size_t size = 0;
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0) text[size++] = '.';
+    const unsigned byte = bytes_[i];
+    if (byte >= 100) text[size++] = char('0' + byte / 100);
+    if (byte >= 10) text[size++] = char('0' + byte / 10 % 10);
+    text[size++] = char('0' + byte % 10);
+  }
+  return std::string(text, size);
+}
 
 namespace {
 
@@ -426,18 +439,33 @@ EthAddr EthAddr::fromText(std::string_view text) {
   return EthAddr(*value);
 }
 
-std::ostream& operator<<(std::ostream& os, EthAddr a) {
+namespace {
+
+constexpr size_t kMacTextSize = 17;
+
+// "xx:xx:xx:xx:xx:xx", lowercase.
+void formatMac(uint64_t value, char* out) {
   static constexpr char kHex[] = "0123456789abcdef";
-  char buf[17];
   for (int i = 0; i < 6; ++i) {
-    uint32_t byte = a.value_ >> (40 - 8 * i) & 0xff;
-    buf[3 * i] = kHex[byte >> 4];
-    buf[3 * i + 1] = kHex[byte & 0xf];
-    if (i < 5) buf[3 * i + 2] = ':';
+    uint32_t byte = value >> (40 - 8 * i) & 0xff;
+    out[3 * i] = kHex[byte >> 4];
+    out[3 * i + 1] = kHex[byte & 0xf];
+    if (i < 5) out[3 * i + 2] = ':';
   }
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, EthAddr a) {
+  char buf[kMacTextSize];
+  formatMac(a.value_, buf);
   return os.write(buf, sizeof buf);
 }
 
-std::string EthAddr::toString() const { return streamed(*this); }
+std::string EthAddr::toString() const {
+  char buf[kMacTextSize];
+  formatMac(value_, buf);
+  return std::string(buf, sizeof buf);
+}
 
 }  // namespace Netval

@@ -104,6 +104,7 @@ void RoutingResolver::routeIs(const L3::VrfName& vrfName, const Prefix& prefix, 
   const Memtab::Fib::FecId newFecId = fecAcquire(table, vias);
   const Memtab::Fib::FecId oldFecId = present != vrfRoutes.end() ? present->second.fecId : 0;
   vrfRoutes[prefix] = Route{std::move(vias), newFecId};
+  prefixLengths_[&vrfRoutes] |= uint64_t{1} << prefix.length();
   resolveAll(vrfName);
   if (oldFecId != 0) fecRelease(table, oldFecId);
 }
@@ -116,6 +117,9 @@ void RoutingResolver::routeDel(const L3::VrfName& vrfName, const Prefix& prefix)
   const auto route = vrfRoutes->second.find(prefix);
   const Memtab::Fib::FecId fecId = route->second.fecId;
   vrfRoutes->second.erase(route);
+  uint64_t& lengths = prefixLengths_[&vrfRoutes->second];
+  lengths = 0;
+  for (const auto& [left, _] : vrfRoutes->second) lengths |= uint64_t{1} << left.length();
   resolveAll(vrfName);
   fecRelease(fecTable(vrfName), fecId);
 }
@@ -129,7 +133,10 @@ const RoutingResolver::RouteMatch* RoutingResolver::longestMatch(
     const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) const {
   const auto vrfRoutes = routes_.find(vrfName);
   if (vrfRoutes == routes_.end() || addr.af() != Netval::AddressFamily::ipv4_) return nullptr;
+  const auto present = prefixLengths_.find(&vrfRoutes->second);
+  const uint64_t lengths = present == prefixLengths_.end() ? 0 : present->second;
   for (uint32_t length = 33; length-- > 0;) {
+    if ((lengths >> length & 1) == 0) continue;
     const auto route = vrfRoutes->second.find(Prefix(addr.v4() & Prefix::mask(length), length));
     if (route != vrfRoutes->second.end()) return &*route;
   }

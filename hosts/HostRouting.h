@@ -151,6 +151,9 @@ class RoutingResolver : public Core::Reactor {
   Hub::TaskScheduler::Ptr scheduler_;
 
   std::map<L3::VrfName, RouteTable> routes_;
+  // The prefix lengths each VRF's table holds, bit L for length L, so that a longest-prefix match
+  // looks up only those lengths. Keyed by the table, which never moves inside routes_.
+  std::map<const RouteTable*, uint64_t> prefixLengths_;
   std::map<L3::VrfName, Memtab::FibGen::ForwardingStatus::Ptr> vrfTables_;
   std::map<const Memtab::FibGen::ForwardingStatus*, FecIndex> fecIndex_;
   Memtab::Fib::FecId nextFecId_ = 1;

@@ -4,8 +4,22 @@
 
 namespace Hosts {
 
+namespace {
+
+void appendKeyText(std::string& out, const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
+  out += key.vrfName().str();
+  out += ' ';
+  out += key.nexthop().toString();
+  out += ' ';
+  out += key.intfId().name();
+}
+
+}  // namespace
+
 std::string keyText(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
-  return key.vrfName().str() + " " + key.nexthop().toString() + " " + key.intfId().name();
+  std::string text;
+  appendKeyText(text, key);
+  return text;
 }
 
 Json keyJson(const FwdL3Unicast::NexthopNhIndexResolverKey& key) {
@@ -26,8 +40,19 @@ std::string statusLine(const StatusChange& change, const StatusStamp& stamp, Out
     if (!del) line["nhIndex"] = change.nhIndex;
     return line.dump();
   }
-  std::string line = "[" + stamp.text + "] status " + event + " " + keyText(change.key);
-  if (!del) line += " nhIndex " + std::to_string(change.nhIndex);
+  // Appended in place: one line per status change, the simulator's and the agent's main output.
+  std::string line;
+  line.reserve(96);
+  line += '[';
+  line += stamp.text;
+  line += "] status ";
+  line += event;
+  line += ' ';
+  appendKeyText(line, change.key);
+  if (!del) {
+    line += " nhIndex ";
+    line += std::to_string(change.nhIndex);
+  }
   return line;
 }
 

@@ -391,10 +391,11 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
                                        size_t lineNo) {
   std::vector<std::string_view> words = Hosts::lineWords(line);
   if (words.empty()) return LineResult::ok;
-  const std::string place = std::string(file) + ":" + std::to_string(lineNo) + ": ";
+  // Only a refused or failed line names its place.
+  const auto place = [&] { return std::string(file) + ":" + std::to_string(lineNo) + ": "; };
   const Command* found = command(words);
   if (!found) {
-    err_ << place << unknownCommand(words) << '\n';
+    err_ << place() << unknownCommand(words) << '\n';
     return LineResult::error;
   }
   Args args(std::move(words), found->words[1].empty() ? 1 : 2, found->usage);
@@ -406,18 +407,18 @@ Scenario::LineResult Scenario::runLine(std::string_view line, std::string_view f
     // A malformed value: the message names the form the command expects.
     const std::string what = e.what();
     const bool named = what.find("(usage: ") != std::string::npos;
-    err_ << place << what << (named ? "" : " (usage: " + std::string(found->usage) + ")") << '\n';
+    err_ << place() << what << (named ? "" : " (usage: " + std::string(found->usage) + ")") << '\n';
     return LineResult::error;
   } catch (const HostError& e) {
-    err_ << place << e.what() << '\n';
+    err_ << place() << e.what() << '\n';
     return LineResult::error;
   } catch (const std::exception& e) {
     // Nothing should get here: the commands check their input. Still input, not a crash.
-    err_ << place << "refused: " << e.what() << '\n';
+    err_ << place() << "refused: " << e.what() << '\n';
     return LineResult::error;
   }
   if (failure_.empty()) return LineResult::ok;
-  err_ << place << failure_ << '\n';
+  err_ << place() << failure_ << '\n';
   expectFailed_ = true;
   return LineResult::expectFailed;
 }
@@ -440,11 +441,10 @@ Scenario::ExitStatus Scenario::runStream(std::istream& in, std::string_view file
     return line;
   };
   if (interactive) return runInteractive(next, file);
+  // Straight from the stream's line: no copy per line.
   size_t lineNo = 0;
-  while (!quit_) {
-    const std::optional<std::string> read = next();
-    if (!read) break;
-    if (runLine(*read, file, ++lineNo) == LineResult::error) return kInputError;
+  while (!quit_ && std::getline(in, line)) {
+    if (runLine(line, file, ++lineNo) == LineResult::error) return kInputError;
   }
   return expectFailed_ ? kExpectFailed : kPassed;
 }

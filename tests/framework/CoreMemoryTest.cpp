@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "framework/Core.h"
 #include "framework/CoreMemory.h"
 #include "framework/CoreTable.h"
 
@@ -43,6 +48,73 @@ TEST(CoreMemory, TableGrowingPastTheLargeBlockSizeKeepsEveryMember) {
   EXPECT_GE(table.capacity() * (sizeof(uint64_t) + 1), Core::kLargeBlockBytes);
   for (uint64_t i = 0; i < kCount; ++i) ASSERT_NE(table.find(i * 7919), nullptr) << i;
   EXPECT_EQ(table.find(1), nullptr);
+}
+
+struct Widget : Core::Node {
+  std::string_view typeName() const override { return "Widget"; }
+  uint64_t payload[5] = {};
+};
+
+// Turns accounting on for one test and off (forgetting it) afterwards, also when the test fails.
+struct AccountingScope {
+  AccountingScope() { Core::memoryAccountingIs(true); }
+  ~AccountingScope() { Core::memoryAccountingIs(false); }
+};
+
+const Core::MemoryUse* useNamed(const std::vector<Core::MemoryUse>& uses, std::string_view name) {
+  auto it = std::find_if(uses.begin(), uses.end(),
+                         [&](const Core::MemoryUse& u) { return u.name == name; });
+  return it == uses.end() ? nullptr : &*it;
+}
+
+TEST(CoreMemory, AccountingCountsLiveEntitiesByTypeName) {
+  AccountingScope scope;
+  auto a = Core::makePtr<Widget>();
+  auto b = Core::makePtr<Widget>();
+  const Core::MemoryUse* use = useNamed(Core::memoryUse(), "entity Widget");
+  ASSERT_NE(use, nullptr);
+  EXPECT_EQ(use->count, 2u);
+  EXPECT_EQ(use->bytes, 2 * sizeof(Widget));
+  b = nullptr;
+  use = useNamed(Core::memoryUse(), "entity Widget");
+  ASSERT_NE(use, nullptr);
+  EXPECT_EQ(use->count, 1u);
+  EXPECT_EQ(use->bytes, sizeof(Widget));
+}
+
+TEST(CoreMemory, AccountingCountsTableBlocksByKeyAndMemberTypes) {
+  AccountingScope scope;
+  Core::HashTable<uint64_t, uint64_t, Identity> table;
+  for (uint64_t i = 0; i < 100; ++i) table.emplaceNew(i);
+  auto tableUse = [] {
+    for (const Core::MemoryUse& u : Core::memoryUse()) {
+      if (u.name.starts_with("table ") && u.name.find("long") != std::string::npos) return u;
+    }
+    return Core::MemoryUse{};
+  };
+  // One live block (the older, smaller ones were freed as the table grew): the members and a
+  // control byte each.
+  EXPECT_EQ(tableUse().count, 1u);
+  EXPECT_EQ(tableUse().bytes, table.capacity() * (sizeof(uint64_t) + 1));
+  table.clear();
+  EXPECT_EQ(tableUse().bytes, 0u);
+}
+
+TEST(CoreMemory, AccountingOffCountsNothing) {
+  auto a = Core::makePtr<Widget>();
+  Core::HashTable<uint64_t, uint64_t, Identity> table;
+  for (uint64_t i = 0; i < 100; ++i) table.emplaceNew(i);
+  EXPECT_TRUE(Core::memoryUse().empty());
+}
+
+TEST(CoreMemory, EntitiesFromBeforeAccountingAreNotCounted) {
+  auto before = Core::makePtr<Widget>();
+  AccountingScope scope;
+  auto during = Core::makePtr<Widget>();
+  before = nullptr;
+  const Core::MemoryUse* use = useNamed(Core::memoryUse(), "entity Widget");
+  ASSERT_NE(use, nullptr);
+  EXPECT_EQ(use->count, 1u);
 }
 
 }  // namespace
