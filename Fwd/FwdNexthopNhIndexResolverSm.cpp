@@ -156,9 +156,13 @@ void NexthopNhIndexResolverSm::handleNexthopInfo(const Plane::NextHopKey& nextHo
   const AllVrfNexthopNhIndexResolverSm::Coll& pipelines = allVrfNexthopNhIndexResolverSm_->sm();
   // A pipeline being built is not in the collection yet: it is handed the key once it is.
   if (!pipelinesChanging_.empty()) neighboursMissed_.push_back(nextHopKey);
-  for (auto it = pipelines.begin(); it != pipelines.end(); ++it) {
+  // The names first: a pipeline's reaction may drop and rebuild a VRF's pipeline, and the
+  // insertion may reorder the collection under a walk, which would then skip pipelines.
+  std::vector<L3::VrfName> vrfNames;
+  vrfNames.reserve(pipelines.size());
+  for (auto it = pipelines.begin(); it != pipelines.end(); ++it) vrfNames.push_back(it.key());
+  for (const L3::VrfName& vrfName : vrfNames) {
     // Looked up again by name: an earlier pipeline's reaction may have dropped this one.
-    const L3::VrfName vrfName = it.key();
     if (const VrfNexthopNhIndexResolverSm::Ptr sm = allVrfNexthopNhIndexResolverSm_->sm(vrfName)) {
       sm->handleNexthopInfo(nextHopKey);
     }
