@@ -223,26 +223,30 @@ void ViaNexthopToViaNexthopMacSm::doCleanup() {
   status_->mapDelAll();
 }
 
-void ViaNexthopToViaNexthopMacSm::retire() {
+void ViaNexthopToViaNexthopMacSm::retire(const NexthopIntfIdColl* requests) {
   if (retired_) return;
   hasNotificationActiveIs(false);
-  releaseUnrequestedVias();
+  if (requests) releaseUnrequestedVias(*requests);
   retired_ = true;
   doCleanup();
 }
 
-void ViaNexthopToViaNexthopMacSm::releaseUnrequestedVias() {
+void ViaNexthopToViaNexthopMacSm::releaseUnrequestedVias(const NexthopIntfIdColl& requests) {
   if (!allViaNexthopRequests_) return;
-  // A via without requesters is one whose first handleAdd is still under way (the stage was
-  // dropped from inside its creation): its ARP entry was added, and the retired stage will never
-  // remove it, nor will a successor that does not request the via. No successor exists yet.
-  // Collected first: a client of the ARP entries may react to each removal.
+  // A via none of whose requesters is still requested is one that a handler dropped the stage
+  // from under (the VRF's last request deleted while its via was being added or published):
+  // the retired stage will never remove its ARP entry, nor will a successor that does not
+  // request the via. No successor exists yet. Vias still requested stay with the platform.
   std::vector<Plane::NextHopKey> unrequested;
   for (const ViaNexthopRequest::Ptr& request : allViaNexthopRequests_->viaNexthopRequest()) {
-    if (request->requesterCollCount() == 0) {
-      unrequested.push_back(neighbourKey(request->viaNexthopInfo()));
+    const NexthopIntfId& via = request->viaNexthopInfo();
+    bool requested = false;
+    for (const Netval::IpGenAddr& nexthop : request->requesterColl()) {
+      requested = requested || requests.configHas(NexthopIntfId(nexthop, via.intfId()));
     }
+    if (!requested) unrequested.push_back(neighbourKey(via));
   }
+  // Collected first: a client of the ARP entries may react to each removal.
   for (const Plane::NextHopKey& key : unrequested) {
     proactiveArpNexthopSm_->removeEntry(key, arpVrfId_);
   }

@@ -68,8 +68,10 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
   void doCleanup();
   // For an owner that drops the stage while a handler of it may still be running (the handler
   // keeps it alive): switches it off, cleans up now, and from then on leaves alone proactive ARP,
-  // which a successor built for the same VRF. The destructor then cleans up nothing.
-  void retire();
+  // which a successor built for the same VRF. The destructor then cleans up nothing. Given the
+  // VRF's requests as they are now, it first removes the ARP entries of the vias none of them
+  // needs any more.
+  void retire(const NexthopIntfIdColl* requests = nullptr);
 
   // Creates and watches the via collection unless one is held.
   void allViaNexthopRequestsIs();
@@ -94,8 +96,9 @@ class ViaNexthopToViaNexthopMacSm : public Core::Reactor {
                               const Core::Ptr<Plane::ProactiveArpNexthopSm>& proactiveArpNexthopSm,
                               const Core::Ptr<NexthopToViaNexthopMacMap>& status);
 
-  // Removes the proactive ARP entry of every tracked via that has no requester yet.
-  void releaseUnrequestedVias();
+  // Removes the proactive ARP entry of every tracked via none of whose requesters is in
+  // `requests`.
+  void releaseUnrequestedVias(const NexthopIntfIdColl& requests);
   // The MAC the requesters of `request` are to carry: its MAC while it is tracked, none after.
   Netval::EthAddr publishedMac(const Ptr& request) const;
   // The neighbour entry of `key`, the default entry when there is none.

@@ -139,7 +139,7 @@ VrfNexthopNhIndexResolverSm::~VrfNexthopNhIndexResolverSm() {
 void VrfNexthopNhIndexResolverSm::retire() {
   hasNotificationActiveIs(false);
   retireStage(nexthopToViaNexthopSm_);
-  retireStage(viaNexthopToViaNexthopMacSm_);
+  if (viaNexthopToViaNexthopMacSm_) viaNexthopToViaNexthopMacSm_->retire(config_.get());
   retireStage(viaNexthopMacToNhIndexSm_);
 }
 

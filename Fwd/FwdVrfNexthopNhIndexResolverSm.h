@@ -42,7 +42,8 @@ class VrfNexthopNhIndexResolverSm : public Core::Reactor {
   ~VrfNexthopNhIndexResolverSm() override;
   // Switches itself and its stages off and retires stages 1, 2 and 3 in turn, which clean up;
   // they stay held until the pipeline goes. For an owner that drops the pipeline while a
-  // handler may still hold it: what the pipeline wrote is gone once this returns.
+  // handler may still hold it: what the pipeline wrote is gone once this returns, but for the
+  // proactive ARP entries of vias that a request of the VRF still needs.
   void retire();
 
   const L3::VrfName& vrfName() const { return vrfName_; }

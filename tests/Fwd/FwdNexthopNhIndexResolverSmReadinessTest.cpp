@@ -438,3 +438,34 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   EXPECT_TRUE(statusDir->statusHas(kept));
   EXPECT_EQ(statusDir->statusCount(), 1u);
 }
+
+TEST_F(NexthopNhIndexResolverSmNestedArpTest,
+       LastRequestDeletedOnItsFirstStatusLeavesNoProactiveArpEntry) {
+  const NexthopNhIndexResolverKey k = key("red", "10.0.0.1", "Ethernet1");
+  bool fired = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey&) {
+    if (fired) return;
+    fired = true;
+    configDir->configDel(k);
+  };
+
+  configDir->configIs(k);
+  resolver.run();
+
+  ASSERT_TRUE(fired);
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(proactiveArpNexthop->entryCount(), 0u);
+  EXPECT_EQ(statusDir->statusCount(), 0u);
+}
+
+TEST_F(NexthopNhIndexResolverSmNestedArpTest, VrfTakenDownLeavesTheArpEntriesOfItsRequestedVias) {
+  tracked("red");
+  ASSERT_EQ(proactiveArpNexthop->entryCount(), 1u);
+
+  vrfL3StatusDel("red");
+
+  EXPECT_FALSE(pipeline("red"));
+  EXPECT_EQ(proactiveArpNexthop->entryCount(), 1u);
+}
