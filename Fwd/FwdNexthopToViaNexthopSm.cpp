@@ -232,7 +232,10 @@ void NexthopToViaNexthopSm::fecCopy(Memtab::Fib::FecId fecId) {
   }
 }
 
-void NexthopToViaNexthopSm::reviewNexthopRequest(const Core::Ptr<NexthopRequest>& request) {
+// The record's type is written in full: a compiler prints a template argument of a traced
+// signature as written or in full, and only the full form reads the same with all.
+void NexthopToViaNexthopSm::reviewNexthopRequest(
+    const Core::Ptr<FwdL3Unicast::NexthopRequest>& request) {
   const Netval::IpGenAddr nh = request->nexthop();
   const uint64_t generation = request->reviewGeneration() + 1;
   request->reviewGenerationIs(generation);

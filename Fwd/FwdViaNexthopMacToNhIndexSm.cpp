@@ -242,7 +242,9 @@ void IntfViaNexthopMacToNhIndexSm::handleMacDel(Netval::EthAddr mac, uint32_t nh
   delStatus(group, nhIndex);
 }
 
-void IntfViaNexthopMacToNhIndexSm::addStatus(const RequesterColl::Ptr& requester,
+// The group's type is written in full in the traced signatures below: a compiler prints a
+// parameter's qualifier as written or in full, and only the full form reads the same with all.
+void IntfViaNexthopMacToNhIndexSm::addStatus(const FwdL3Unicast::RequesterColl::Ptr& requester,
                                              uint32_t nhIndex) {
   CORE_ASSERT(requester);
   if (requester->nhIndexFound()) {
@@ -252,8 +254,8 @@ void IntfViaNexthopMacToNhIndexSm::addStatus(const RequesterColl::Ptr& requester
   addStatusHelper(requester, nhIndex);
 }
 
-void IntfViaNexthopMacToNhIndexSm::addStatusHelper(const RequesterColl::Ptr& requester,
-                                                   uint32_t nhIndex) {
+void IntfViaNexthopMacToNhIndexSm::addStatusHelper(
+    const FwdL3Unicast::RequesterColl::Ptr& requester, uint32_t nhIndex) {
   CORE_ASSERT(NexthopNhIndexResolverConstants::invalidNhIndex() != nhIndex);
   CORE_ASSERT(requester);
   // A handler still running after the machine was dropped: the groups are the next machine's.
@@ -296,7 +298,7 @@ void IntfViaNexthopMacToNhIndexSm::rewriteMoved(const RequesterColl& requester,
   }
 }
 
-void IntfViaNexthopMacToNhIndexSm::delStatus(const RequesterColl::Ptr& requester,
+void IntfViaNexthopMacToNhIndexSm::delStatus(const FwdL3Unicast::RequesterColl::Ptr& requester,
                                              uint32_t nhIndex) {
   CORE_ASSERT(requester);
   if (retired_ || nhIndex != requester->nhIndex()) return;

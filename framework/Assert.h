@@ -3,8 +3,8 @@
 #include <string_view>
 
 // Assertions of the module's invariants. They are never compiled out: a broken invariant prints
-// the expression as written, the source unit, the line and the full function signature on one
-// line to stderr, then aborts the process.
+// the expression as written, the source unit, the line and the full function signature (as GCC
+// spells it, see CoreSignature.h) on one line to stderr, then aborts the process.
 namespace Core {
 
 [[noreturn]] void assertionFailed(const char* expression, std::string_view unit, int line,

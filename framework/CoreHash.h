@@ -48,14 +48,28 @@ constexpr uint32_t hashBytes(const void* data, size_t size, uint32_t seed) {
   return hashMix(hashCombine(h, tail));
 }
 
+// hashString() of a text fed one character at a time, whose size is known beforehand.
+class StringHash {
+ public:
+  constexpr StringHash(size_t size, uint32_t seed) : h_(seed ^ static_cast<uint32_t>(size)) {}
+  constexpr void add(char c) { h_ = (h_ ^ static_cast<unsigned char>(c)) * 0x01000193u; }
+  constexpr uint32_t value() const { return hashMix(h_); }
+
+ private:
+  uint32_t h_;
+};
+
 constexpr uint32_t hashString(std::string_view s, uint32_t seed) {
-  uint32_t h = seed ^ static_cast<uint32_t>(s.size());
-  for (char c : s) h = (h ^ static_cast<unsigned char>(c)) * 0x01000193u;
-  return hashMix(h);
+  StringHash h(s.size(), seed);
+  for (char c : s) h.add(c);
+  return h.value();
 }
 
+// The seed of seedOf().
+inline constexpr uint32_t kTypeNameSeed = 0x2545f491u;
+
 // A per-type seed, derived from the type's name so that it is fixed across runs.
-constexpr uint32_t seedOf(std::string_view typeName) { return hashString(typeName, 0x2545f491u); }
+constexpr uint32_t seedOf(std::string_view typeName) { return hashString(typeName, kTypeNameSeed); }
 
 template <class T>
 concept SelfHashing = requires(const T& v, uint32_t seed) {

@@ -12,14 +12,16 @@
 #include "framework/Assert.h"
 #include "framework/CoreHash.h"
 #include "framework/CoreMemory.h"
+#include "framework/CoreSignature.h"
 
 namespace Core {
 
-// A fixed seed per key type, taken from the compiler's name of the type, so that table layouts
-// (and so iteration orders, dumps and traces) are the same in every run.
+// A fixed seed per key type, taken from the type's name as GCC spells it whichever compiler
+// builds, so that table layouts (and so iteration orders, dumps and traces) are the same in every
+// run and with every compiler.
 template <class Key>
 consteval uint32_t keySeed() {
-  return seedOf(__PRETTY_FUNCTION__);
+  return keySeedOf(__PRETTY_FUNCTION__);
 }
 
 namespace detail {

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "framework/CoreSignature.h"
+
 namespace DualLog {
 
 namespace {
@@ -213,7 +215,7 @@ const RingLog::MessageInfo& messageIs(const Handle& handle, uint32_t level, cons
   RingLog::MessageInfo info;
   info.file = std::string(baseName(file));
   info.line = line;
-  info.function = function;
+  info.function = Core::gccSpelling(function);
   info.level = level;
   info.handle = handle.name();
   info.items = std::move(items);

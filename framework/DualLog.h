@@ -16,7 +16,8 @@
 //   DualLog::Handle& traceHandle() { static DualLog::Handle h("UnitName", false); return h; }
 // and traces with DUALLOG_TRACE(level, "piece", value, "piece", ...). String literals are the
 // message's literal pieces; every other argument is a value, printed with operator<<. The text is
-// the function's signature as GCC prints it, ": ", then the pieces and values in order.
+// the function's signature as GCC prints it (whichever compiler built it, see CoreSignature.h),
+// ": ", then the pieces and values in order.
 //
 // The text trace is chosen per handle and level by a filter of comma-separated HANDLE/LEVEL items
 // ("*" matches every handle; an item turns on levels 0..LEVEL), read from the environment variable

@@ -693,12 +693,13 @@ TEST(ViaNexthopToViaNexthopMacSm, DumpMarksMapsAlreadyDumped) {
 
 TEST(ViaNexthopToViaNexthopMacSm, MacChangeDuringStatusUpdateLeavesEveryRequesterWithTheNewMac) {
   Host host;
+  // Declared before the stage: the stage's teardown still publishes to the client below.
+  bool moved = false;
   Stage red(host);
   red.start();
   const std::vector<std::string> nexthops = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
   for (const std::string& nexthop : nexthops) red.viaIs(nexthop, kViaA);
   // A client of the output that sees the first entry and moves the neighbour to another MAC.
-  bool moved = false;
   red.outputChanges->onChange = [&](const NexthopIntfId&) {
     if (moved) return;
     moved = true;
@@ -717,13 +718,14 @@ TEST(ViaNexthopToViaNexthopMacSm, MacChangeDuringStatusUpdateLeavesEveryRequeste
 
 TEST(ViaNexthopToViaNexthopMacSm, NeighbourResolvedDuringWithdrawalLeavesEveryRequesterPublished) {
   Host host;
+  // Declared before the stage: the stage's teardown still publishes to the client below.
+  bool relearnt = false;
   Stage red(host);
   red.start();
   const std::vector<std::string> nexthops = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"};
   for (const std::string& nexthop : nexthops) red.viaIs(nexthop, kViaA);
   host.neighbourIs(kViaA, kL2, kMac1);
   // A client of the output that sees the first withdrawal and has the neighbour learnt again.
-  bool relearnt = false;
   red.outputChanges->onChange = [&](const NexthopIntfId&) {
     if (relearnt) return;
     relearnt = true;

@@ -50,6 +50,14 @@ std::ostream& operator<<(std::ostream& os, const Throwing&) {
 // Trace statements inside named classes and functions, so that the signatures are known.
 namespace DualLogTestUnit {
 
+// Whether __LINE__ in a macro call written over several lines is the call's last line (clang)
+// rather than its first (GCC).
+#ifdef __clang__
+constexpr bool kMacroLineIsLast = true;
+#else
+constexpr bool kMacroLineIsLast = false;
+#endif
+
 struct Resolver {
   uint32_t lastLine = 0;
 
@@ -68,7 +76,9 @@ struct Resolver {
   }
   void everyKind(const std::string& s, const Kiln::String<100>& vrf, Netval::IntfId intf,
                  Netval::EthAddr mac, bool flag, char c, unsigned u, double d) {
-    lastLine = __LINE__ + 1;
+    // The statement below spans two lines: GCC gives it the line it starts on, clang the line it
+    // ends on.
+    lastLine = __LINE__ + (kMacroLineIsLast ? 2 : 1);
     DUALLOG_TRACE(8, "s=", s, " vrf=", vrf, " intf=", intf, " mac=", mac, " flag=", flag, " c=", c,
                   " u=", u, " d=", d, " ip=", Netval::IpGenAddr::fromText("::1"));
   }

@@ -231,8 +231,13 @@ class Run {
   }
 
   void requestToggle() {
-    const NexthopNhIndexResolverKey k(choices_->pick(u_.vrfs), choices_->pick(u_.nexthops),
-                                      choices_->pick(u_.intfs));
+    // Drawn one at a time: the order in which a call's arguments are evaluated is the compiler's
+    // (GCC's last to first, clang's first to last), and a seed must replay the same run with
+    // every compiler. Last to first, as the seeds run so far drew them.
+    const IntfId& intf = choices_->pick(u_.intfs);
+    const IpGenAddr& nexthop = choices_->pick(u_.nexthops);
+    const L3::VrfName& vrfName = choices_->pick(u_.vrfs);
+    const NexthopNhIndexResolverKey k(vrfName, nexthop, intf);
     if (world_.configDir->configHas(k)) {
       log_("request del " + text(k));
       world_.requestDel(k);
