@@ -336,17 +336,27 @@ void IntfViaNexthopMacToNhIndexSm::writeAgain(const RequesterColl& requester,
 }
 
 void IntfViaNexthopMacToNhIndexSm::cleanupStatus() {
-  if (!status_) return;
   // The handlers of a removal may write statuses of other interfaces, and an insert reorders the
-  // map: the interface's keys are taken first, and taken again until none is left.
+  // map: the interface's keys are taken first, and taken again until none is left. A handler
+  // that retires the whole stage meanwhile cuts the map off (silence()): what it holds then may
+  // be a successor's.
   std::vector<NexthopIntfId> keys;
   do {
     keys.clear();
+    if (!status_) return;
     for (const ViaNexthopMacToNhIndexMapEntry& entry : status_->map()) {
       if (entry.nexthopIntfId().intfId() == intfId_) keys.push_back(entry.nexthopIntfId());
     }
-    for (const NexthopIntfId& key : keys) status_->mapDel(key);
+    for (const NexthopIntfId& key : keys) {
+      if (status_) status_->mapDel(key);
+    }
   } while (!keys.empty());
+}
+
+void IntfViaNexthopMacToNhIndexSm::silence() {
+  hasNotificationActiveIs(false);
+  retired_ = true;
+  status_ = nullptr;
 }
 
 void IntfViaNexthopMacToNhIndexSm::doCleanup() {
@@ -402,7 +412,11 @@ bool AllIntfViaNexthopMacToNhIndexSm::smDel(Netval::IntfId intfId) {
   const IntfViaNexthopMacToNhIndexSm::Ptr removed = sm_.get(intfId);
   if (!removed) return false;
   sm_.del(intfId);
+  // Reachable while it cleans up, so that a handler of its clean-up that drops every machine
+  // silences this one too.
+  dropping_.push_back(removed.get());
   removed->retire();
+  std::erase(dropping_, removed.get());
   return true;
 }
 
@@ -411,6 +425,7 @@ void AllIntfViaNexthopMacToNhIndexSm::smDelAll() {
     const Netval::IntfId intfId = it.key();
     smDel(intfId);
   }
+  for (IntfViaNexthopMacToNhIndexSm* machine : dropping_) machine->silence();
 }
 
 ViaNexthopMacToNhIndexSm::ViaNexthopMacToNhIndexSm(

@@ -86,6 +86,9 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   // For the owner that drops the machine: switches it off and cleans up, after which a handler
   // of it still running changes neither a group nor a status any more.
   void retire();
+  // Switches the machine off and cuts it from the status map without cleaning up: for a
+  // machine whose clean-up is under way when its whole stage goes.
+  void silence();
 
   // The nested watchers, one per group of the request, keyed by MAC.
   NestedSm_RequesterColl::Ptr requesterColl(Netval::EthAddr macAddr) const {
@@ -211,6 +214,8 @@ class AllIntfViaNexthopMacToNhIndexSm : public Core::Node {
   AllIntfViaNexthopMacToNhIndexSm() = default;
 
   SmMap sm_{this, smAttr};
+  // Machines removed from sm_ whose clean-up is still running (innermost last).
+  std::vector<IntfViaNexthopMacToNhIndexSm*> dropping_;
 };
 
 // Stage 3 of one VRF: groups the entries of NexthopToViaNexthopMacMap per interface and MAC

@@ -469,3 +469,37 @@ TEST_F(NexthopNhIndexResolverSmNestedArpTest, VrfTakenDownLeavesTheArpEntriesOfI
   EXPECT_FALSE(pipeline("red"));
   EXPECT_EQ(proactiveArpNexthop->entryCount(), 1u);
 }
+
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       VrfBouncedWhileAModulesMachineCleansUpKeepsTheNewPipelinesStatuses) {
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  resolver.routeIs(ip("10.0.0.2"), 100);
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+  configDir->configIs(key("red", "10.0.0.2", "Ethernet1"));
+  resolver.run();
+  ASSERT_EQ(statusDir->statusCount(), 2u);
+  // On the first status withdrawn by the module's removal: a new module for the interface, then
+  // the VRF down and up again, while the old machine is still withdrawing its statuses.
+  bool fired = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey& k) {
+    if (fired || statusDir->statusHas(k)) return;
+    fired = true;
+    NextHopMod::Ptr replacement = NextHopMod::NextHopModIs(intf("Ethernet1"));
+    replacement->nhIndexToMacIs(7, mac("00:00:00:00:00:aa"));
+    l3Modules->nextHopModIs(replacement);
+    vrfL3StatusDel("red");
+    vrfL3StatusIs("red", 1);
+  };
+
+  l3Modules->nextHopModDel(intf("Ethernet1"));
+
+  ASSERT_TRUE(fired);
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 7u);
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.2", "Ethernet1"), 7u);
+  EXPECT_EQ(statusDir->statusCount(), 2u);
+}

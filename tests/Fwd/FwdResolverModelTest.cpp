@@ -175,9 +175,10 @@ TEST(ResolverModel, ChangesMadeFromInsideModuleNotificationsKeepStatusesAndArpCo
 // Re-entrant sequences that once broke the statuses: a VRF bounced while an interface machine
 // wrote its first statuses (seed 41), a nexthop leaving its group while its machine started
 // (61), a VRF bounced while a neighbour change went round the pipelines (409), a VRF's last
-// request deleted from inside the publication of its via's MAC (936).
+// request deleted from inside the publication of its via's MAC (936), a VRF bounced while a
+// removed module's machine withdrew its statuses (811).
 TEST(ResolverModel, ReentrantSequencesThatOnceFailedStayConsistent) {
-  runSeeds({41, 61, 409, 936}, 3100, true);
+  runSeeds({41, 61, 409, 811, 936}, 3500, true);
 }
 
 }  // namespace
