@@ -1,5 +1,6 @@
 #include "Fwd/FwdNexthopToViaNexthopSm.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "framework/Assert.h"
@@ -148,40 +149,73 @@ void NexthopToViaNexthopSm::handleConfig() {
 }
 
 void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
-  const Netval::IpGenAddr nh = nexthopIntfId.nexthop();
-  const Netval::IntfId intf = nexthopIntfId.intfId();
-  NexthopRequest::Ptr request = allNexthopRequests_->request(nh);
-  if (config_ && config_->configHas(nexthopIntfId)) {
-    DUALLOG_TRACE(8, "Resolve request added - vrf: ", vrfName_, " nexthop: ", nh,
-                  " intfId: ", intf);
-    if (!request) {
-      DUALLOG_TRACE(8, "New nexthop to track : ", nh);
-      request = allNexthopRequests_->requestIs(nh);
-      // Registered once, with the first interface; withdrawn with the last.
-      if (!retired_) nexthopVrfConfig_->nexthopIs(Routing::NexthopConfigEntry(nh));
+  // A change of a key whose change is being applied is applied once that returns, against what
+  // it applied: two interleaved applications of one key would each act on a state the other had
+  // moved (a removal finding its nexthop untracked by a nested removal, say).
+  if (configChangeDeferred(nexthopIntfId)) return;
+  configChanging_.push_back({nexthopIntfId, false});
+  do {
+    const Netval::IpGenAddr nh = nexthopIntfId.nexthop();
+    const Netval::IntfId intf = nexthopIntfId.intfId();
+    NexthopRequest::Ptr request = allNexthopRequests_->request(nh);
+    if (config_ && config_->configHas(nexthopIntfId)) {
+      DUALLOG_TRACE(8, "Resolve request added - vrf: ", vrfName_, " nexthop: ", nh,
+                    " intfId: ", intf);
+      if (!request) {
+        DUALLOG_TRACE(8, "New nexthop to track : ", nh);
+        request = allNexthopRequests_->requestIs(nh);
+        // Registered once, with the first interface; withdrawn with the last.
+        if (!retired_) nexthopVrfConfig_->nexthopIs(Routing::NexthopConfigEntry(nh));
+      } else {
+        DUALLOG_TRACE(8, "Nexthop being tracked already");
+      }
+      request->addIntfId(intf);
+      DUALLOG_TRACE(8, "Nexthop being tracked for ", request->intfViaInfoCount(),
+                    " interfaces now");
+      // A new interface gets its via from the current resolution, without waiting for the backlog.
+      reviewNexthopRequest(request);
     } else {
-      DUALLOG_TRACE(8, "Nexthop being tracked already");
+      DUALLOG_TRACE(8, "Resolve request deleted - vrf: ", vrfName_, " nexthop: ", nh,
+                    " intfId: ", intf);
+      CORE_ASSERT(request);
+      request->delIntfId(intf);
+      status_->mapDel(nexthopIntfId);
+      const size_t remaining = request->intfViaInfoCount();
+      DUALLOG_TRACE(8, "Nexthop being tracked for ", remaining, " interfaces now");
+      if (remaining == 0) {
+        if (!retired_) nexthopVrfConfig_->nexthopDel(nh);
+        allNexthopRequests_->requestDel(nh);
+        DUALLOG_TRACE(8, "Last tracking interface removed..stop tracking nexthop ", nh);
+      }
     }
-    request->addIntfId(intf);
-    DUALLOG_TRACE(8, "Nexthop being tracked for ", request->intfViaInfoCount(), " interfaces now");
-    // A new interface gets its via from the current resolution, without waiting for the backlog.
-    reviewNexthopRequest(request);
-  } else {
-    DUALLOG_TRACE(8, "Resolve request deleted - vrf: ", vrfName_, " nexthop: ", nh,
-                  " intfId: ", intf);
-    CORE_ASSERT(request);
-    request->delIntfId(intf);
-    status_->mapDel(nexthopIntfId);
-    const size_t remaining = request->intfViaInfoCount();
-    DUALLOG_TRACE(8, "Nexthop being tracked for ", remaining, " interfaces now");
-    if (remaining == 0) {
-      if (!retired_) nexthopVrfConfig_->nexthopDel(nh);
-      allNexthopRequests_->requestDel(nh);
-      DUALLOG_TRACE(8, "Last tracking interface removed..stop tracking nexthop ", nh);
+    DUALLOG_TRACE(8, "Total number of nexthops tracked for vrf ", vrfName_, " are ",
+                  nexthopVrfConfig_->nexthopCount());
+  } while (configChangeAgain(nexthopIntfId));
+}
+
+bool NexthopToViaNexthopSm::configChangeDeferred(const NexthopIntfId& key) {
+  for (ConfigChange& running : configChanging_) {
+    if (running.key == key) {
+      running.again = true;
+      return true;
     }
   }
-  DUALLOG_TRACE(8, "Total number of nexthops tracked for vrf ", vrfName_, " are ",
-                nexthopVrfConfig_->nexthopCount());
+  return false;
+}
+
+bool NexthopToViaNexthopSm::configChangeAgain(const NexthopIntfId& key) {
+  const auto running = std::find_if(configChanging_.begin(), configChanging_.end(),
+                                    [&](const ConfigChange& c) { return c.key == key; });
+  CORE_ASSERT(running != configChanging_.end());
+  if (running->again) {
+    running->again = false;
+    const NexthopRequest::Ptr request = allNexthopRequests_->request(key.nexthop());
+    const bool applied = request && request->intfViaInfoHas(key.intfId());
+    const bool wanted = config_ && config_->configHas(key);
+    if (applied != wanted) return true;
+  }
+  configChanging_.erase(running);
+  return false;
 }
 
 void NexthopToViaNexthopSm::handleNexthopBacklog() {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "framework/Core.h"
@@ -177,6 +178,10 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // One request added (present in config) or removed (absent). A removal for a nexthop that is
   // not tracked is a broken invariant.
   void handleConfig(const NexthopIntfId& nexthopIntfId);
+  // Whether `key` is being changed by an outer handleConfig, which then looks at it again.
+  bool configChangeDeferred(const NexthopIntfId& key);
+  // Whether the outer handleConfig of `key` has to apply it again; forgets the key if not.
+  bool configChangeAgain(const NexthopIntfId& key);
   // Drains the backlog: each address is removed before it is handled, so an address queued again
   // while it is handled is handled again. Each removal re-enters this handler through the
   // backlog's notification; that nested call only traces and returns, and the one drain under
@@ -248,6 +253,13 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   Memtab::FibGen::Fec fec_;
   // Set while handleNexthopBacklog walks the backlog.
   bool drainingBacklog_ = false;
+  // Keys whose change handleConfig is applying (a handful at most), and whether a nested
+  // notification changed the key again meanwhile.
+  struct ConfigChange {
+    NexthopIntfId key;
+    bool again;
+  };
+  std::vector<ConfigChange> configChanging_;
   // Set by retire(): the registrations belong to whoever runs the VRF now.
   bool retired_ = false;
 

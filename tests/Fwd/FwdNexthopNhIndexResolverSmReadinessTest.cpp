@@ -503,3 +503,38 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   EXPECT_EQ(publishedNhIndex("red", "10.0.0.2", "Ethernet1"), 7u);
   EXPECT_EQ(statusDir->statusCount(), 2u);
 }
+
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       RequestReaddedDeletedAndReaddedFromInsideItsDeletionStaysTracked) {
+  resolvableIs("10.0.0.1", "Ethernet1", "10.0.0.254", 100, "00:00:00:00:00:aa", 5);
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  const NexthopNhIndexResolverKey k = key("red", "10.0.0.1", "Ethernet1");
+  configDir->configIs(key("red", "10.0.0.9", "Ethernet2"));
+  configDir->configIs(k);
+  resolver.run();
+  ASSERT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  // When the deletion withdraws the status, the request comes back, goes and comes back again.
+  bool fired = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey& changed) {
+    if (fired || changed != k || statusDir->statusHas(k)) return;
+    fired = true;
+    configDir->configIs(k);
+    configDir->configDel(k);
+    configDir->configIs(k);
+  };
+
+  configDir->configDel(k);
+  resolver.run();
+
+  ASSERT_TRUE(fired);
+  EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  // Tracked for real: its deletion now withdraws it.
+  client = nullptr;
+  configDir->configDel(k);
+  EXPECT_FALSE(statusDir->statusHas(k));
+  EXPECT_FALSE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
+}
