@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "framework/Assert.h"
 #include "framework/CollectionOps.h"
@@ -205,7 +207,19 @@ void IntfViaNexthopMacToNhIndexSm::handleInitialized() {
 
 void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac() {
   if (!nextHopMod_) return;
-  for (const MacEntry& entry : nextHopMod_->nhIndexToMac()) handleMacAdd(entry.value, entry.key);
+  // Walked from a copy: a handler of a write may change the table, and an insertion may reorder
+  // it under a walk. An entry changed meanwhile reaches the machine through its own
+  // notification, so only what the table still holds is matched here.
+  std::vector<std::pair<uint32_t, Netval::EthAddr>> entries;
+  entries.reserve(nextHopMod_->nhIndexToMac().size());
+  for (const MacEntry& entry : nextHopMod_->nhIndexToMac()) {
+    entries.emplace_back(entry.key, entry.value);
+  }
+  for (const auto& [nhIndex, mac] : entries) {
+    if (nextHopMod_->nhIndexToMacHas(nhIndex) && nextHopMod_->nhIndexToMac(nhIndex) == mac) {
+      handleMacAdd(mac, nhIndex);
+    }
+  }
 }
 
 void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac(uint32_t nhIndex) {
