@@ -148,13 +148,15 @@ void NexthopToViaNexthopSm::handleConfig() {
   for (const NexthopIntfId nexthopIntfId : config_->config()) handleConfig(nexthopIntfId);
 }
 
-void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
-  // A change of a key whose change is being applied is applied once that returns, against what
-  // it applied: two interleaved applications of one key would each act on a state the other had
-  // moved (a removal finding its nexthop untracked by a nested removal, say).
-  if (configChangeDeferred(nexthopIntfId)) return;
-  configChanging_.push_back({nexthopIntfId, false});
+void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& changed) {
+  // A change of a request whose nexthop's record is being changed is applied once that returns,
+  // against what was applied: two interleaved changes of one record would each act on a state
+  // the other had moved (a removal finding the record it looked up dropped and replaced, say).
+  if (configChangeDeferred(changed)) return;
+  configChanging_.push_back({changed.nexthop(), {}});
+  NexthopIntfId next = changed;
   do {
+    const NexthopIntfId nexthopIntfId = next;
     const Netval::IpGenAddr nh = nexthopIntfId.nexthop();
     const Netval::IntfId intf = nexthopIntfId.intfId();
     NexthopRequest::Ptr request = allNexthopRequests_->request(nh);
@@ -190,29 +192,36 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& nexthopIntfId) {
     }
     DUALLOG_TRACE(8, "Total number of nexthops tracked for vrf ", vrfName_, " are ",
                   nexthopVrfConfig_->nexthopCount());
-  } while (configChangeAgain(nexthopIntfId));
+  } while (configChangeNext(changed.nexthop(), next));
 }
 
 bool NexthopToViaNexthopSm::configChangeDeferred(const NexthopIntfId& key) {
   for (ConfigChange& running : configChanging_) {
-    if (running.key == key) {
-      running.again = true;
-      return true;
+    if (running.nexthop != key.nexthop()) continue;
+    if (std::find(running.deferred.begin(), running.deferred.end(), key) ==
+        running.deferred.end()) {
+      running.deferred.push_back(key);
     }
+    return true;
   }
   return false;
 }
 
-bool NexthopToViaNexthopSm::configChangeAgain(const NexthopIntfId& key) {
+bool NexthopToViaNexthopSm::configChangeNext(const Netval::IpGenAddr& nexthop,
+                                             NexthopIntfId& next) {
   const auto running = std::find_if(configChanging_.begin(), configChanging_.end(),
-                                    [&](const ConfigChange& c) { return c.key == key; });
+                                    [&](const ConfigChange& c) { return c.nexthop == nexthop; });
   CORE_ASSERT(running != configChanging_.end());
-  if (running->again) {
-    running->again = false;
-    const NexthopRequest::Ptr request = allNexthopRequests_->request(key.nexthop());
+  while (!running->deferred.empty()) {
+    const NexthopIntfId key = running->deferred.front();
+    running->deferred.erase(running->deferred.begin());
+    const NexthopRequest::Ptr request = allNexthopRequests_->request(nexthop);
     const bool applied = request && request->intfViaInfoHas(key.intfId());
     const bool wanted = config_ && config_->configHas(key);
-    if (applied != wanted) return true;
+    if (applied != wanted) {
+      next = key;
+      return true;
+    }
   }
   configChanging_.erase(running);
   return false;

@@ -178,10 +178,12 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // One request added (present in config) or removed (absent). A removal for a nexthop that is
   // not tracked is a broken invariant.
   void handleConfig(const NexthopIntfId& nexthopIntfId);
-  // Whether `key` is being changed by an outer handleConfig, which then looks at it again.
+  // Whether the record of `key`'s nexthop is being changed by an outer handleConfig, which then
+  // looks at `key` again (kept in its deferred list).
   bool configChangeDeferred(const NexthopIntfId& key);
-  // Whether the outer handleConfig of `key` has to apply it again; forgets the key if not.
-  bool configChangeAgain(const NexthopIntfId& key);
+  // The next deferred request of `nexthop` whose applied state differs from the wanted one, in
+  // `next`; false (and the nexthop forgotten) when none is left.
+  bool configChangeNext(const Netval::IpGenAddr& nexthop, NexthopIntfId& next);
   // Drains the backlog: each address is removed before it is handled, so an address queued again
   // while it is handled is handled again. Each removal re-enters this handler through the
   // backlog's notification; that nested call only traces and returns, and the one drain under
@@ -253,11 +255,11 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   Memtab::FibGen::Fec fec_;
   // Set while handleNexthopBacklog walks the backlog.
   bool drainingBacklog_ = false;
-  // Keys whose change handleConfig is applying (a handful at most), and whether a nested
-  // notification changed the key again meanwhile.
+  // Nexthops whose record handleConfig is changing (a handful at most), with the requests of
+  // theirs that nested notifications changed meanwhile.
   struct ConfigChange {
-    NexthopIntfId key;
-    bool again;
+    Netval::IpGenAddr nexthop;
+    std::vector<NexthopIntfId> deferred;
   };
   std::vector<ConfigChange> configChanging_;
   // Set by retire(): the registrations belong to whoever runs the VRF now.

@@ -538,3 +538,45 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   EXPECT_FALSE(statusDir->statusHas(k));
   EXPECT_FALSE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
 }
+
+TEST_F(NexthopNhIndexResolverSmReadinessTest,
+       OtherInterfaceOfTheNexthopReaddedFromInsideADeletionStaysTracked) {
+  fecIs(100, {{"Ethernet1", "10.0.0.254"}, {"Ethernet2", "10.0.1.254"}});
+  resolver.routeIs(ip("10.0.0.1"), 100);
+  neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
+  neighbourIs("Ethernet2", "10.0.1.254", "00:00:00:00:00:bb");
+  nhIndexIs("Ethernet1", 5, "00:00:00:00:00:aa");
+  nhIndexIs("Ethernet2", 6, "00:00:00:00:00:bb");
+  vrfL3StatusIs("red", 1);
+  rootIs();
+  const NexthopNhIndexResolverKey first = key("red", "10.0.0.1", "Ethernet1");
+  const NexthopNhIndexResolverKey second = key("red", "10.0.0.1", "Ethernet2");
+  configDir->configIs(key("red", "10.0.0.9", "Ethernet3"));
+  configDir->configIs(first);
+  configDir->configIs(second);
+  resolver.run();
+  ASSERT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet2"), 6u);
+  // When the first request's deletion withdraws its status, the nexthop's other request goes
+  // (its record with it) and comes back (a new record).
+  bool fired = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey& changed) {
+    if (fired || changed != first || statusDir->statusHas(first)) return;
+    fired = true;
+    configDir->configDel(second);
+    configDir->configIs(second);
+  };
+
+  configDir->configDel(first);
+  resolver.run();
+
+  ASSERT_TRUE(fired);
+  EXPECT_TRUE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
+  EXPECT_FALSE(statusDir->statusHas(first));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet2"), 6u);
+  client = nullptr;
+  configDir->configDel(second);
+  EXPECT_FALSE(statusDir->statusHas(second));
+  EXPECT_FALSE(nexthopConfig->vrf(vrf("red"))->nexthopHas(ip("10.0.0.1")));
+}
