@@ -116,6 +116,22 @@ void NexthopNhIndexResolverSm::NestedSm_VrfStatus::handleVrfNexthopNhIndexResolv
   statusDir->statusDel(key);
 }
 
+void NexthopNhIndexResolverSm::NestedSm_VrfStatus::withdrawPublished() {
+  // Empty unless the VRF's last request went while a stage was still applying an earlier
+  // change: the entries left then would never reach this reactor again.
+  std::vector<NexthopIntfId> left;
+  for (const ViaNexthopMacToNhIndexMapEntry& entry : notifier_->map()) {
+    left.push_back(entry.nexthopIntfId());
+  }
+  const NexthopNhIndexResolverStatusDir::Ptr& statusDir = owner_->statusDir();
+  for (const NexthopIntfId& nexthopIntfId : left) {
+    const NexthopNhIndexResolverKey key(vrfName_, nexthopIntfId);
+    DUALLOG_TRACE(8, "Deleting resolution for vrfName: ", key.vrfName(),
+                  " nexthop: ", key.nexthop(), " intfId: ", key.intfId());
+    if (statusDir) statusDir->statusDel(key);
+  }
+}
+
 void NexthopNhIndexResolverSm::vrfStatusIs(const ViaNexthopMacToNhIndexMap::Ptr& map) {
   if (!map) {
     throw Core::NullArgumentError("FwdL3Unicast::NexthopNhIndexResolverSm::vrfStatusIs: null map");
@@ -131,6 +147,7 @@ void NexthopNhIndexResolverSm::vrfStatusDel(const L3::VrfName& vrfName) {
   const NestedSm_VrfStatus::Ptr removed = vrfStatus_.get(vrfName);
   if (!removed) return;
   removed->hasNotificationActiveIs(false);
+  removed->withdrawPublished();
   vrfStatus_.del(vrfName);
 }
 

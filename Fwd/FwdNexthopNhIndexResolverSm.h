@@ -165,6 +165,8 @@ class NexthopNhIndexResolverSm : public Core::Reactor {
 
     // Sets or deletes the request's status as the map now holds or lacks its entry.
     void handleVrfNexthopNhIndexResolverStatus(const NexthopIntfId& nexthopIntfId);
+    // Deletes the status of every entry the map still holds: for a map that is going away.
+    void withdrawPublished();
 
     std::string_view typeName() const override {
       return "FwdL3Unicast::NexthopNhIndexResolverSm::NestedSm_VrfStatus";

@@ -177,9 +177,10 @@ TEST(ResolverModel, ChangesMadeFromInsideModuleNotificationsKeepStatusesAndArpCo
 // (61), a VRF bounced while a neighbour change went round the pipelines (409), a VRF's last
 // request deleted from inside the publication of its via's MAC (936), a VRF bounced while a
 // removed module's machine withdrew its statuses (811), a table entry added while a new
-// module's machine scanned the table (2553).
+// module's machine scanned the table (2553), a VRF's last request deleted while its rebuilt
+// pipeline was still publishing it (3367).
 TEST(ResolverModel, ReentrantSequencesThatOnceFailedStayConsistent) {
-  runSeeds({41, 61, 409, 811, 936, 2553}, 3500, true);
+  runSeeds({41, 61, 409, 811, 936, 2553, 3367}, 3500, true);
 }
 
 }  // namespace
