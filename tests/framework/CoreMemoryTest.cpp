@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -61,23 +62,26 @@ struct AccountingScope {
   ~AccountingScope() { Core::memoryAccountingIs(false); }
 };
 
-const Core::MemoryUse* useNamed(const std::vector<Core::MemoryUse>& uses, std::string_view name) {
+// A copy of the entry named `name` in what memoryUse() reports now, if there is one.
+std::optional<Core::MemoryUse> useNamed(std::string_view name) {
+  const std::vector<Core::MemoryUse> uses = Core::memoryUse();
   auto it = std::find_if(uses.begin(), uses.end(),
                          [&](const Core::MemoryUse& u) { return u.name == name; });
-  return it == uses.end() ? nullptr : &*it;
+  if (it == uses.end()) return std::nullopt;
+  return *it;
 }
 
 TEST(CoreMemory, AccountingCountsLiveEntitiesByTypeName) {
   AccountingScope scope;
   auto a = Core::makePtr<Widget>();
   auto b = Core::makePtr<Widget>();
-  const Core::MemoryUse* use = useNamed(Core::memoryUse(), "entity Widget");
-  ASSERT_NE(use, nullptr);
+  std::optional<Core::MemoryUse> use = useNamed("entity Widget");
+  ASSERT_TRUE(use.has_value());
   EXPECT_EQ(use->count, 2u);
   EXPECT_EQ(use->bytes, 2 * sizeof(Widget));
   b = nullptr;
-  use = useNamed(Core::memoryUse(), "entity Widget");
-  ASSERT_NE(use, nullptr);
+  use = useNamed("entity Widget");
+  ASSERT_TRUE(use.has_value());
   EXPECT_EQ(use->count, 1u);
   EXPECT_EQ(use->bytes, sizeof(Widget));
 }
@@ -112,8 +116,8 @@ TEST(CoreMemory, EntitiesFromBeforeAccountingAreNotCounted) {
   AccountingScope scope;
   auto during = Core::makePtr<Widget>();
   before = nullptr;
-  const Core::MemoryUse* use = useNamed(Core::memoryUse(), "entity Widget");
-  ASSERT_NE(use, nullptr);
+  std::optional<Core::MemoryUse> use = useNamed("entity Widget");
+  ASSERT_TRUE(use.has_value());
   EXPECT_EQ(use->count, 1u);
 }
 
