@@ -87,7 +87,7 @@ void optionsIs(CLI::App& app, Options& options) {
   app.add_flag("-i", options.interactive,
                "interactive: read commands (after SCENARIO_FILE's) with line editing, history in "
                "~/.nexthop_sim_history and completion; a refused line is reported and the "
-               "session goes on");
+               "run goes on");
   Hosts::Cli::jsonOptionIs(app, options.json,
                            "print status lines and command output as JSON, one document per line");
   app.footer("Exit status: 0 all expectations held, 1 an expectation failed, 2 bad input.\n\n" +

@@ -44,10 +44,10 @@ class Scenario {
   // Runs lines read from `in` until its end (or quit). Interactive: as runInteractive; otherwise
   // as runText.
   ExitStatus runStream(std::istream& in, std::string_view file, bool interactive);
-  // The next line of an interactive session; nothing at its end.
+  // The next line of an interactive run; nothing at its end.
   using LineReader = std::function<std::optional<std::string>()>;
   // Runs the lines `next` gives until it has none or one is quit or exit: a refused line is
-  // reported and the session goes on. kInputError when a line was refused, else as runText.
+  // reported and the run goes on. kInputError when a line was refused, else as runText.
   ExitStatus runInteractive(const LineReader& next, std::string_view file);
 
   // The command words that complete `word`, the word being typed at the end of `line`: a

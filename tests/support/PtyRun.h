@@ -17,11 +17,11 @@
 // types a line, and so on; every wait is bounded.
 namespace PtyRun {
 
-class Session {
+class Terminal {
  public:
   // Starts `program` with `args` on a pseudo-terminal; `env` entries ("NAME=VALUE") are added.
-  Session(const std::string& program, const std::vector<std::string>& args,
-          const std::vector<std::string>& env) {
+  Terminal(const std::string& program, const std::vector<std::string>& args,
+           const std::vector<std::string>& env) {
     pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
     if (pid_ == 0) {
       for (const std::string& e : env) putenv(const_cast<char*>(e.c_str()));
@@ -33,15 +33,15 @@ class Session {
       _exit(127);
     }
   }
-  ~Session() {
+  ~Terminal() {
     if (pid_ > 0 && status_ < 0) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
     }
     if (master_ >= 0) close(master_);
   }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
 
   bool started() const { return pid_ > 0 && master_ >= 0; }
 

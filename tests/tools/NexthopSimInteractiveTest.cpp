@@ -24,7 +24,7 @@ class NexthopSimInteractive : public ::testing::Test {
 };
 
 // Types each line after the prompt, then ends the input; returns the exit status.
-int session(PtyRun::Session& s, const std::vector<std::string>& lines) {
+int typeLines(PtyRun::Terminal& s, const std::vector<std::string>& lines) {
   EXPECT_TRUE(s.started());
   for (size_t i = 0; i < lines.size(); ++i) {
     EXPECT_TRUE(s.waitFor(kPrompt, i + 1)) << s.output();
@@ -36,15 +36,15 @@ int session(PtyRun::Session& s, const std::vector<std::string>& lines) {
 }
 
 TEST_F(NexthopSimInteractive, ReportsARefusedLineGoesOnAndEndsWithTwo) {
-  PtyRun::Session s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
-  EXPECT_EQ(session(s, {"vrf add red", "vrf add red", "echo still here"}), 2);
+  PtyRun::Terminal s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
+  EXPECT_EQ(typeLines(s, {"vrf add red", "vrf add red", "echo still here"}), 2);
   EXPECT_THAT(s.output(), HasSubstr("<stdin>:2: VRF red exists"));
   EXPECT_THAT(s.output(), HasSubstr("still here"));
 }
 
 TEST_F(NexthopSimInteractive, EndsWithZeroWithoutRefusedLinesAndQuitEndsTheSession) {
   for (const char* word : {"quit", "exit"}) {
-    PtyRun::Session s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
+    PtyRun::Terminal s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
     ASSERT_TRUE(s.waitFor(kPrompt)) << s.output();
     s.type("vrf add red\r");
     ASSERT_TRUE(s.waitFor(kPrompt, 2)) << s.output();
@@ -55,13 +55,13 @@ TEST_F(NexthopSimInteractive, EndsWithZeroWithoutRefusedLinesAndQuitEndsTheSessi
 
 TEST_F(NexthopSimInteractive, KeepsTheHistoryInTheHomeDirectory) {
   {
-    PtyRun::Session s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
-    EXPECT_EQ(session(s, {"echo marker-one"}), 0);
+    PtyRun::Terminal s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
+    EXPECT_EQ(typeLines(s, {"echo marker-one"}), 0);
   }
   // libedit's history file encodes blanks.
   EXPECT_THAT(ToolRun::slurp(historyFile()), HasSubstr("marker-one"));
-  // The next session recalls it with the up arrow.
-  PtyRun::Session s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
+  // The next run recalls it with the up arrow.
+  PtyRun::Terminal s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
   ASSERT_TRUE(s.waitFor(kPrompt)) << s.output();
   s.type("\x1b[A\r");
   EXPECT_TRUE(s.waitFor("marker-one", 2)) << s.output();
@@ -71,7 +71,7 @@ TEST_F(NexthopSimInteractive, KeepsTheHistoryInTheHomeDirectory) {
 }
 
 TEST_F(NexthopSimInteractive, CompletesCommandWords) {
-  PtyRun::Session s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
+  PtyRun::Terminal s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
   ASSERT_TRUE(s.waitFor(kPrompt)) << s.output();
   s.type("sh\tvrf\t\r");  // "show vrfs"
   EXPECT_TRUE(s.waitFor("no VRFs")) << s.output();
@@ -81,8 +81,8 @@ TEST_F(NexthopSimInteractive, CompletesCommandWords) {
 }
 
 TEST_F(NexthopSimInteractive, HelpNamesTheCommand) {
-  PtyRun::Session s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
-  EXPECT_EQ(session(s, {"help vrf"}), 0);
+  PtyRun::Terminal s(ToolRun::tool("nexthop-sim").string(), {"-i"}, env());
+  EXPECT_EQ(typeLines(s, {"help vrf"}), 0);
   EXPECT_THAT(s.output(), HasSubstr("vrf add NAME [id N]"));
 }
 
