@@ -347,9 +347,12 @@ void NexthopNhIndexResolverSm::handleConfig(const NexthopNhIndexResolverKey& key
   CORE_ASSERT( vrfConfig->configHas( nexthopIntfId ) );
   // clang-format on
   vrfConfig->configDel(nexthopIntfId);
-  if (vrfConfig->configCount() != 0) return;
+  // Handlers of the removal may have taken the VRF down and tracked it anew, with a request
+  // collection of its own: the VRF is then theirs, whatever this one now holds.
+  if (!vrfConfigCurrent(vrfName, vrfConfig) || vrfConfig->configCount() != 0) return;
   DUALLOG_TRACE(8, "Last nexthop for the vrf ", vrfName, "  being deleted ");
   checkAndDestroyVrfSm(vrfName);
+  if (!vrfConfigCurrent(vrfName, vrfConfig)) return;
   // A handler of the teardown requested the VRF again: it stays tracked.
   if (vrfConfig->configCount() != 0) {
     checkAndInstantiateVrfSm(vrfName);
@@ -358,6 +361,11 @@ void NexthopNhIndexResolverSm::handleConfig(const NexthopNhIndexResolverKey& key
   nexthopConfig_->vrfDel(vrfName);
   allVrfNexthopNhIndexResolverStatusDir_->vrfStatusDel(vrfName);
   allVrfNexthopNhIndexResolverConfigDir_->vrfConfigDel(vrfName);
+}
+
+bool NexthopNhIndexResolverSm::vrfConfigCurrent(const L3::VrfName& vrfName,
+                                                const NexthopIntfIdColl::Ptr& vrfConfig) const {
+  return allVrfNexthopNhIndexResolverConfigDir_->vrfConfig(vrfName) == vrfConfig;
 }
 
 void NexthopNhIndexResolverSm::handleNexthopVrfStatus(const L3::VrfName& vrfName) {

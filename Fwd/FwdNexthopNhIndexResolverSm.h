@@ -261,6 +261,9 @@ class NexthopNhIndexResolverSm : public Core::Reactor {
   void checkAndInstantiateVrfSm(const L3::VrfName& vrfName);
   // Drops the VRF's pipeline, if it runs; requests, status map and statuses stay.
   void checkAndDestroyVrfSm(const L3::VrfName& vrfName);
+  // Whether `vrfConfig` is still the VRF's request collection (a nested handler may have
+  // dropped the VRF and tracked it anew).
+  bool vrfConfigCurrent(const L3::VrfName& vrfName, const NexthopIntfIdColl::Ptr& vrfConfig) const;
   // Drops every pipeline, status map, request collection and registration, then the statuses.
   void doCleanup();
 

@@ -460,6 +460,38 @@ TEST_F(NexthopNhIndexResolverSmNestedArpTest,
   EXPECT_EQ(statusDir->statusCount(), 0u);
 }
 
+// While one request of a VRF is deleted, a client of its status withdrawal deletes the VRF's
+// other (last) request, which takes the VRF down, and requests it again, which tracks the VRF
+// anew. The deletion under way then finds its VRF's request collection empty: it must leave the
+// VRF tracked afresh alone.
+TEST_F(NexthopNhIndexResolverSmNestedArpTest,
+       VrfTrackedAnewWhileItsRequestIsDeletedKeepsItsNewPipeline) {
+  const NexthopNhIndexResolverKey kept = key("red", "10.0.0.1", "Ethernet1");
+  const NexthopNhIndexResolverKey deleted = key("red", "10.0.1.1", "Ethernet2");
+  tracked("red");
+  configDir->configIs(deleted);
+  resolver.run();
+  ASSERT_EQ(statusDir->statusCount(), 2u);
+  bool fired = false;
+  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+  client->onChange = [&](const NexthopNhIndexResolverKey&) {
+    if (fired) return;
+    fired = true;
+    configDir->configDel(kept);
+    configDir->configIs(kept);
+  };
+
+  configDir->configDel(deleted);
+  resolver.run();
+
+  ASSERT_TRUE(fired);
+  ASSERT_TRUE(pipeline("red"));
+  EXPECT_EQ(publishedNhIndex("red", "10.0.0.1", "Ethernet1"), 5u);
+  EXPECT_EQ(statusDir->statusCount(), 1u);
+  EXPECT_EQ(proactiveArpNexthop->entryCount(), 1u);
+}
+
 TEST_F(NexthopNhIndexResolverSmNestedArpTest, VrfTakenDownLeavesTheArpEntriesOfItsRequestedVias) {
   tracked("red");
   ASSERT_EQ(proactiveArpNexthop->entryCount(), 1u);
