@@ -142,6 +142,10 @@ class Run {
     }
     world_.settle();
     nestedLeft_ = 0;
+    // A VRF taken down from inside a notification may have its pipeline dropped only once the
+    // change under way (its pipeline being built, say) is done, with the entries it added by then.
+    for (const L3::VrfName& vrfName : takenDown_) leftoversOf(vrfName);
+    takenDown_.clear();
 
     if (restarted) leftovers_.clear();  // the new proactive ARP client started empty
     return check();
@@ -367,15 +371,21 @@ class Run {
         return;
       }
       log_("vrf down " + text(vrfName));
-      const uint32_t arpVrfId = world_.arpVrfId(vrfName);
-      for (const ClientEntry& e : world_.arpEntries()) {
-        if (e.arpVrfId() == arpVrfId) leftovers_.insert(e);
-      }
+      leftoversOf(vrfName);
+      takenDown_.push_back(vrfName);
       world_.vrfDown(vrfName);
       return;
     }
     log_("vrf up " + text(vrfName));
     world_.vrfUp(vrfName, vrfId(vrfName));
+  }
+
+  // The VRF's proactive ARP entries, as a pipeline dropped now would leave them.
+  void leftoversOf(const L3::VrfName& vrfName) {
+    const uint32_t arpVrfId = world_.arpVrfId(vrfName);
+    for (const ClientEntry& e : world_.arpEntries()) {
+      if (e.arpVrfId() == arpVrfId) leftovers_.insert(e);
+    }
   }
 
   std::string restart() {
@@ -557,6 +567,8 @@ class Run {
   std::unique_ptr<TestSupport::ChangeRecorder<NexthopNhIndexResolverKey>> statusWatch_;
   std::unique_ptr<TestSupport::ChangeRecorder<ClientEntry>> arpWatch_;
   ArpEntries leftovers_;
+  // VRFs taken down during the step under way.
+  std::vector<L3::VrfName> takenDown_;
   int64_t hostEntities_ = 0;
   size_t hostModules_ = 0;
 };
