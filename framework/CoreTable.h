@@ -60,7 +60,7 @@ class HashTable {
     const uint8_t tag = tagOf(h);
     const uint8_t* ctrl = this->ctrl();
     prefetchHome(h);
-    for (size_t i = h & mask();; i = (i + 1) & mask()) {
+    for (size_t i = home(h);; i = next(i)) {
       const uint8_t c = ctrl[i];
       if (c == kEmpty) return nullptr;
       if (c == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
@@ -80,8 +80,8 @@ class HashTable {
     if ((size_t{size_} + tombstones_ + 1) * 4 > size_t{capacity_} * 3) rebuild();
     uint8_t* ctrl = this->ctrl();
     prefetchHome(h);
-    size_t i = h & mask();
-    while (ctrl[i] < kTombstone) i = (i + 1) & mask();
+    size_t i = home(h);
+    while (ctrl[i] < kTombstone) i = next(i);
     if (ctrl[i] == kTombstone) --tombstones_;
     ctrl[i] = tagOf(h);
     ++size_;
@@ -96,12 +96,12 @@ class HashTable {
     uint8_t* ctrl = this->ctrl();
     CORE_ASSERT(i < capacity_ && ctrl[i] < kTombstone);
     --size_;
-    if (ctrl[(i + 1) & mask()] != kEmpty) {
+    if (ctrl[next(i)] != kEmpty) {
       ctrl[i] = kTombstone;
       ++tombstones_;
     } else {
       ctrl[i] = kEmpty;
-      for (size_t j = (i - 1) & mask(); ctrl[j] == kTombstone; j = (j - 1) & mask()) {
+      for (size_t j = previous(i); ctrl[j] == kTombstone; j = previous(j)) {
         ctrl[j] = kEmpty;
         --tombstones_;
       }
@@ -136,14 +136,41 @@ class HashTable {
   // Small: most tables of the module hold one or a few members (a next hop's interfaces).
   static constexpr size_t kMinCapacity = 2;
 
-  static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> 25); }
+  static constexpr unsigned kTagShift = 25;
+  static constexpr uint32_t kBelowTag = (uint32_t{1} << kTagShift) - 1;
+  static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> kTagShift); }
   // The index, in memory order, of the first byte whose top bit is set in `bits`.
   static size_t firstMemberByte(uint64_t bits) {
     const int zeros = std::endian::native == std::endian::little ? std::countr_zero(bits)
                                                                  : std::countl_zero(bits);
     return static_cast<size_t>(zeros) / 8;
   }
-  size_t mask() const { return capacity_ - 1; }
+  // Capacities are powers of two, and above kDenseFrom also three halves of one, so that a large
+  // table is filled to between a half and three quarters rather than to between three eighths and
+  // three quarters: large tables are most of the memory. A power of two places a key by the low
+  // bits of its hash, as it always has (small tables, and so dumps and traces, keep their
+  // layout); the other sizes scale the bits below the tag's to the capacity.
+  static constexpr size_t kDenseFrom = 4096;
+  static bool isPowerOfTwo(size_t capacity) { return (capacity & (capacity - 1)) == 0; }
+  size_t home(uint32_t h) const {
+    if (isPowerOfTwo(capacity_)) return h & (capacity_ - 1);
+    return static_cast<size_t>((uint64_t{h & kBelowTag} * capacity_) >> kTagShift);
+  }
+  size_t next(size_t i) const { return i + 1 == capacity_ ? 0 : i + 1; }
+  size_t previous(size_t i) const { return (i == 0 ? capacity_ : i) - 1; }
+  // The capacity a rebuild gives a table of `members` members.
+  static size_t capacityFor(size_t members) {
+    size_t capacity = kMinCapacity;
+    while (members * 2 > capacity) capacity *= 2;
+    if (capacity <= kDenseFrom) return capacity;
+    // A sixteenth more for the deleted positions that churn leaves before the next rebuild.
+    const size_t room = members + members / 16;
+    capacity = kDenseFrom;
+    while (room * 3 > capacity * 2) {
+      capacity = isPowerOfTwo(capacity) ? capacity + capacity / 2 : capacity / 3 * 4;
+    }
+    return capacity;
+  }
   // The control bytes follow the members in the same block.
   uint8_t* ctrl() const { return reinterpret_cast<uint8_t*>(slots_ + capacity_); }
 
@@ -151,14 +178,14 @@ class HashTable {
   // misses in a large table, so the member is requested before the control byte is read.
   void prefetchHome(uint32_t h) const {
 #if defined(__GNUC__)
-    __builtin_prefetch(&slots_[h & mask()]);
+    __builtin_prefetch(&slots_[home(h)]);
 #endif
   }
 
-  // Grows, or drops tombstones at the same size, so that members fill at most half the table.
+  // Grows, or drops tombstones at the same size, so that members fill at most half the table
+  // (two thirds of a large one).
   void rebuild() {
-    size_t capacity = kMinCapacity;
-    while ((size_t{size_} + 1) * 2 > capacity) capacity *= 2;
+    const size_t capacity = capacityFor(size_t{size_} + 1);
     CORE_ASSERT(capacity <= UINT32_MAX);
     if (isInline(slots_) && capacity == kMinCapacity) {
       // Only tombstones to drop (the smallest capacity holds no member when rebuilt): the block
@@ -183,8 +210,8 @@ class HashTable {
   void moveIn(Slot&& value) {
     const uint32_t h = hashOf(KeyOf()(value), kSeed);
     uint8_t* ctrl = this->ctrl();
-    size_t i = h & mask();
-    while (ctrl[i] != kEmpty) i = (i + 1) & mask();
+    size_t i = home(h);
+    while (ctrl[i] != kEmpty) i = next(i);
     ctrl[i] = tagOf(h);
     ++size_;
     new (&slots_[i]) Slot(std::move(value));
