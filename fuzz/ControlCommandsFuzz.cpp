@@ -57,7 +57,9 @@ size_t lineCount(std::string_view text) {
 void lineRun(Sim::SimHost& host, Hosts::ControlCommands& commands, std::string_view line) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   const size_t requestsBefore = host.configDir()->configCount();
-  const std::vector<std::string_view> words = Hosts::lineWords(line);
+  std::vector<std::string_view> words = Hosts::lineWords(line);
+  // A leading -j or --json asks for the JSON form of the same answer: a request stays a request.
+  if (!words.empty() && (words[0] == "-j" || words[0] == "--json")) words.erase(words.begin());
   const bool isRequest = !words.empty() && words[0] == "request";
   bool refused = false;
   try {
