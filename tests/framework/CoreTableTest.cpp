@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <vector>
 
 #include "framework/CoreTable.h"
 
@@ -95,6 +96,80 @@ TEST(HashTable, ChurnInAThreeHalvesTableKeepsEveryMemberReachable) {
   }
   EXPECT_EQ(members, table.size());
   EXPECT_EQ(table.size(), 3800u);
+}
+
+// A key whose hash the test chooses, so that probes run long.
+struct ChosenHashKey {
+  uint64_t id;
+  uint32_t h;
+  uint32_t hash(uint32_t) const { return h; }
+  friend bool operator==(const ChosenHashKey&, const ChosenHashKey&) = default;
+};
+struct KeyOfChosen {
+  const ChosenHashKey& operator()(const ChosenHashKey& k) const { return k; }
+};
+using ChosenTable = Core::HashTable<ChosenHashKey, ChosenHashKey, KeyOfChosen>;
+
+// Same home and same tag for every key: a probe compares each of them in turn.
+TEST(HashTable, KeysSharingHomeAndTagAreEachFound) {
+  ChosenTable table;
+  for (uint64_t id = 0; id < 40; ++id) table.emplaceNew(ChosenHashKey{id, 5});
+  ASSERT_GE(table.capacity(), 64u);
+  for (uint64_t id = 0; id < 40; ++id) {
+    const ChosenHashKey* found = table.find(ChosenHashKey{id, 5});
+    ASSERT_NE(found, nullptr) << id;
+    EXPECT_EQ(found->id, id);
+  }
+  EXPECT_EQ(table.find(ChosenHashKey{40, 5}), nullptr);
+}
+
+// A hit probes past deleted positions and a miss ends at its chain's first empty position, even
+// where a key with the same tag sits further on; a new key takes its chain's first deleted
+// position.
+TEST(HashTable, ProbesPassDeletedPositionsAndEndAtTheFirstEmpty) {
+  ChosenTable table;
+  for (uint64_t id = 0; id < 20; ++id) table.emplaceNew(ChosenHashKey{id, 3});
+  ASSERT_EQ(table.capacity(), 32u);
+  // Same tag as the chain (positions 3 to 22), home two positions past its end.
+  table.emplaceNew(ChosenHashKey{100, 25});
+  const ChosenHashKey last = table.at(22);
+  std::vector<ChosenHashKey> erased;
+  for (size_t i = 5; i <= 20; ++i) {
+    erased.push_back(table.at(i));
+    table.erase(&table.at(i));
+  }
+  ASSERT_EQ(table.capacity(), 32u);
+  EXPECT_EQ(table.find(last), &table.at(22));
+  EXPECT_EQ(table.find(ChosenHashKey{100, 25}), &table.at(25));
+  EXPECT_EQ(table.find(ChosenHashKey{100, 3}), nullptr);
+  for (const ChosenHashKey& key : erased) EXPECT_EQ(table.find(key), nullptr) << key.id;
+  const ChosenHashKey* inserted = table.emplaceNew(ChosenHashKey{200, 3});
+  EXPECT_EQ(inserted, &table.at(5));
+  EXPECT_EQ(table.find(ChosenHashKey{200, 3}), inserted);
+}
+
+// A chain starting near the end of the table wraps around to its start: probes and inserts go on
+// from position zero, with tags of every kind.
+TEST(HashTable, ChainWrappingAroundTheEndIsFoundWithEveryTag) {
+  ChosenTable table;
+  for (uint64_t id = 0; id < 50; ++id) table.emplaceNew(ChosenHashKey{id, uint32_t(id)});
+  const uint32_t capacity = static_cast<uint32_t>(table.capacity());
+  ASSERT_EQ(capacity, 128u);
+  std::vector<ChosenHashKey> wrapped;
+  for (uint32_t k = 0; k < 30; ++k) {
+    // Home three positions before the end; the tag is the hash's top seven bits.
+    wrapped.push_back(ChosenHashKey{1000 + k, (capacity - 3) | (k << 25)});
+    table.emplaceNew(wrapped.back());
+  }
+  ASSERT_EQ(table.capacity(), capacity);
+  for (const ChosenHashKey& key : wrapped) EXPECT_NE(table.find(key), nullptr) << key.id;
+  // The fourth wrapped key is the first past the end: it follows the members at 0 to 49.
+  EXPECT_EQ(table.find(wrapped[3]), &table.at(50));
+  for (uint64_t id = 0; id < 50; ++id) {
+    EXPECT_NE(table.find(ChosenHashKey{id, uint32_t(id)}), nullptr) << id;
+  }
+  EXPECT_EQ(table.find(ChosenHashKey{999, capacity - 3}), nullptr);
+  EXPECT_EQ(table.find(ChosenHashKey{999, 0}), nullptr);
 }
 
 }  // namespace
