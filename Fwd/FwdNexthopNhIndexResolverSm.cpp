@@ -55,7 +55,7 @@ VrfNexthopNhIndexResolverSm::Ptr AllVrfNexthopNhIndexResolverSm::smIs(
   if (VrfNexthopNhIndexResolverSm::Ptr existing = sm_.get(vrfName)) {
     if (vrfNexthopNhIndexResolverInputs(*existing) == inputs) return existing;
     throw Core::ReinstantiationError("FwdL3Unicast::AllVrfNexthopNhIndexResolverSm::smIs: vrf " +
-                                     vrfName.str() +
+                                     std::string(vrfName.str()) +
                                      " already has a pipeline built from other inputs");
   }
   VrfNexthopNhIndexResolverSm::Ptr created = vrfNexthopNhIndexResolverSmFactory(vrfName, inputs);

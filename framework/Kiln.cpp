@@ -12,6 +12,25 @@ void throwArrayIndexOutOfRange() { throw RangeError("Kiln::Array::index >= count
 
 namespace Kiln::detail {
 
+void CompactText::assign(std::string_view text) {
+  clear();
+  if (text.size() <= kInPlace) {
+    std::memcpy(bytes_, text.data(), text.size());
+    bytes_[kInPlace] = char(kInPlace - text.size());
+    return;
+  }
+  CORE_ASSERT(text.size() <= UINT32_MAX);
+  char* copy = new char[text.size() + 1];
+  std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  const auto size = static_cast<uint32_t>(text.size());
+  std::memcpy(bytes_, &copy, sizeof copy);
+  std::memcpy(bytes_ + sizeof copy, &size, sizeof size);
+  bytes_[kInPlace] = char(kOnHeap);
+}
+
+void CompactText::release() { delete[] heapText(); }
+
 std::string forAttr(std::string_view attr) {
   if (attr.empty()) return {};
   return " for attribute '" + std::string(attr) + "'";

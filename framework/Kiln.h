@@ -7,6 +7,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -43,6 +44,86 @@ struct ParseError : std::invalid_argument {
 template <class Range>
 void printList(std::ostream& os, const Range& items);
 
+namespace detail {
+// Text in 16 bytes: up to 15 bytes in place, NUL-terminated, the unused bytes zero; longer text
+// in a heap copy of its own. Names (the strings that keys carry) are short, so a key holding one
+// stays small and a copy allocates nothing.
+class CompactText {
+ public:
+  CompactText() noexcept { clear(); }
+  explicit CompactText(std::string_view text) { assign(text); }
+  CompactText(const CompactText& other) {
+    if (other.inPlace()) {
+      std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    } else {
+      assign(other.view());
+    }
+  }
+  CompactText(CompactText&& other) noexcept {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    other.clear();
+  }
+  CompactText& operator=(const CompactText& other) {
+    CompactText copy(other);
+    swap(copy);
+    return *this;
+  }
+  // The old text goes with `other`.
+  CompactText& operator=(CompactText&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  ~CompactText() {
+    if (!inPlace()) release();
+  }
+
+  std::string_view view() const {
+    if (inPlace()) return std::string_view(bytes_, kInPlace - uint8_t(bytes_[kInPlace]));
+    return std::string_view(heapText(), heapSize());
+  }
+  const char* c_str() const { return inPlace() ? bytes_ : heapText(); }
+
+  friend bool operator==(const CompactText& a, const CompactText& b) {
+    // Text in place is compared as its 16 bytes; a heap copy holds more than 15.
+    if (a.inPlace() && b.inPlace()) return std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) == 0;
+    return a.view() == b.view();
+  }
+
+ private:
+  static constexpr size_t kInPlace = 15;
+  // The last byte: 15 minus the size for text in place (so 0, a terminator, when 15 bytes are
+  // used), this marker for a heap copy.
+  static constexpr uint8_t kOnHeap = 0xff;
+
+  bool inPlace() const { return uint8_t(bytes_[kInPlace]) != kOnHeap; }
+  void clear() {
+    std::memset(bytes_, 0, sizeof bytes_);
+    bytes_[kInPlace] = char(kInPlace);
+  }
+  void swap(CompactText& other) noexcept {
+    char bytes[sizeof bytes_];
+    std::memcpy(bytes, bytes_, sizeof bytes_);
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    std::memcpy(other.bytes_, bytes, sizeof bytes_);
+  }
+  const char* heapText() const {
+    const char* text;
+    std::memcpy(&text, bytes_, sizeof text);
+    return text;
+  }
+  uint32_t heapSize() const {
+    uint32_t size;
+    std::memcpy(&size, bytes_ + sizeof(char*), sizeof size);
+    return size;
+  }
+  void assign(std::string_view text);
+  void release();
+
+  char bytes_[16];
+};
+static_assert(sizeof(CompactText) == 16);
+}  // namespace detail
+
 // A string of at most N bytes. Building one from longer text throws RangeError, so a held value
 // always fits its bound.
 template <size_t N>
@@ -50,30 +131,31 @@ class String {
  public:
   String() = default;
   String(const char* s) : String(std::string_view(s ? s : "")) {}
-  String(std::string s) : s_(std::move(s)) { checkLength(); }
-  String(std::string_view s) : s_(s) { checkLength(); }
+  String(const std::string& s) : String(std::string_view(s)) {}
+  String(std::string_view s) : text_(checked(s)) {}
 
   static constexpr size_t maxLength() { return N; }
   static String fromText(std::string_view text) { return String(text); }
 
-  const std::string& str() const { return s_; }
-  const char* c_str() const { return s_.c_str(); }
-  size_t size() const { return s_.size(); }
-  bool empty() const { return s_.empty(); }
-  uint32_t hash(uint32_t seed) const { return Core::hashString(s_, seed); }
+  std::string_view str() const { return text_.view(); }
+  const char* c_str() const { return text_.c_str(); }
+  size_t size() const { return str().size(); }
+  bool empty() const { return str().empty(); }
+  uint32_t hash(uint32_t seed) const { return Core::hashString(str(), seed); }
 
-  friend bool operator==(const String& a, const String& b) { return a.s_ == b.s_; }
+  friend bool operator==(const String& a, const String& b) { return a.text_ == b.text_; }
   friend std::strong_ordering operator<=>(const String& a, const String& b) {
-    return a.s_ <=> b.s_;
+    return a.str().compare(b.str()) <=> 0;
   }
-  friend std::ostream& operator<<(std::ostream& os, const String& s) { return os << s.s_; }
+  friend std::ostream& operator<<(std::ostream& os, const String& s) { return os << s.str(); }
 
  private:
-  void checkLength() const {
-    if (s_.size() > N) throwStringTooLong();
+  static std::string_view checked(std::string_view s) {
+    if (s.size() > N) throwStringTooLong();
+    return s;
   }
 
-  std::string s_;
+  detail::CompactText text_;
 };
 
 // Up to N elements in place. Elements past count() are kept default-constructed.

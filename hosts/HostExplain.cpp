@@ -30,8 +30,8 @@ std::string notReady(const ModuleHost& host, const L3::VrfName& vrfName) {
   }
   if (!host.nexthopConfig()->vrf(vrfName)) missing.push_back("no VRF registration");
   if (!host.vrfStatusAll()->vrfStatus(vrfName)) missing.push_back("no VRF L3 status");
-  if (missing.empty()) return "VRF " + vrfName.str() + " is ready but has no pipeline";
-  return "VRF " + vrfName.str() + " not ready: " + joined(missing);
+  if (missing.empty()) return "VRF " + std::string(vrfName.str()) + " is ready but has no pipeline";
+  return "VRF " + std::string(vrfName.str()) + " not ready: " + joined(missing);
 }
 
 // Stage 1 has no via for the request: the next hop is unresolved or its FEC has no via there.
@@ -43,15 +43,17 @@ std::string noVia(const ModuleHost& host, const VrfNexthopNhIndexResolverSm& pip
   const Core::Ptr<const Routing::NexthopVrfStatus>& vrfStatus = pipeline.nexthopVrfStatus();
   if (!vrfStatus || !vrfStatus->isNexthopResolved(key.nexthop())) {
     if (!route)
-      return "next hop " + nexthop + " unresolved: no route in VRF " + key.vrfName().str() +
-             " covers it";
+      return "next hop " + nexthop + " unresolved: no route in VRF " +
+             std::string(key.vrfName().str()) + " covers it";
     return "next hop " + nexthop + " unresolved: the resolver has not answered yet (route " +
            route->first.toString() + ")";
   }
   const Memtab::Fib::FecId fecId = vrfStatus->nexthop(key.nexthop()).fecId();
   const std::string where = "no via on " + key.intfId().name() + ": FEC " + std::to_string(fecId);
   const auto& table = pipeline.forwardingGenStatus();
-  if (!table) return where + " is in no FEC table (no table for VRF " + key.vrfName().str() + ")";
+  if (!table)
+    return where + " is in no FEC table (no table for VRF " + std::string(key.vrfName().str()) +
+           ")";
   const Memtab::FibGen::Fec* fec = table->fecFind(fecId);
   if (!fec || fec->viaCount() == 0) return where + " has no via";
   std::vector<std::string> vias;

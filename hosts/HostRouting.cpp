@@ -112,7 +112,7 @@ void RoutingResolver::routeIs(const L3::VrfName& vrfName, const Prefix& prefix, 
 void RoutingResolver::routeDel(const L3::VrfName& vrfName, const Prefix& prefix) {
   auto vrfRoutes = routes_.find(vrfName);
   if (vrfRoutes == routes_.end() || !vrfRoutes->second.contains(prefix)) {
-    throw HostError("no route " + prefix.toString() + " in VRF " + vrfName.str());
+    throw HostError("no route " + prefix.toString() + " in VRF " + std::string(vrfName.str()));
   }
   const auto route = vrfRoutes->second.find(prefix);
   const Memtab::Fib::FecId fecId = route->second.fecId;
@@ -176,7 +176,7 @@ void RoutingResolver::vrfTableIs(const L3::VrfName& vrfName) {
 }
 
 std::string RoutingResolver::vrfTablePath(const L3::VrfName& vrfName) {
-  return "forwardingGen/vrf/status/" + vrfName.str();
+  return "forwardingGen/vrf/status/" + std::string(vrfName.str());
 }
 
 void RoutingResolver::handleVrf(const L3::VrfName& vrfName) {

@@ -79,7 +79,7 @@ Json vrfs(const ModuleHost& host) {
   const Plane::VrfL3StatusAll& all = *host.vrfStatusAll();
   std::map<std::string, Json> sorted;
   for (const auto& entry : all.vrfId()) {
-    sorted[entry.key.str()] = {
+    sorted[std::string(entry.key.str())] = {
         {"vrf", entry.key.str()}, {"id", entry.value}, {"l3Status", all.vrfStatusHas(entry.key)}};
   }
   Json doc = Json::array();

@@ -44,7 +44,7 @@ bool ModuleHost::vrfHas(const L3::VrfName& vrfName) const {
 }
 
 void ModuleHost::vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> vrfId) {
-  if (vrfHas(vrfName)) throw HostError("VRF " + vrfName.str() + " exists");
+  if (vrfHas(vrfName)) throw HostError("VRF " + std::string(vrfName.str()) + " exists");
   // The proactive-ARP id of a VRF is its id plus the offset, in 32 bits.
   constexpr Plane::VrfId kMaxVrfId =
       std::numeric_limits<Plane::VrfId>::max() - Plane::VrfL3StatusAll::arpVrfIdOffset;
@@ -57,7 +57,7 @@ void ModuleHost::vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> 
     }
     if (const auto other = vrfOwners_.find(*vrfId); other != vrfOwners_.end()) {
       throw HostError("VRF id " + std::to_string(*vrfId) + " belongs to VRF " +
-                      other->second.str());
+                      std::string(other->second.str()));
     }
   } else {
     while (vrfOwners_.contains(lowestFreeVrfId_)) ++lowestFreeVrfId_;
@@ -72,7 +72,7 @@ void ModuleHost::vrfAdd(const L3::VrfName& vrfName, std::optional<Plane::VrfId> 
 }
 
 void ModuleHost::vrfDel(const L3::VrfName& vrfName) {
-  if (!vrfHas(vrfName)) throw HostError("no VRF " + vrfName.str());
+  if (!vrfHas(vrfName)) throw HostError("no VRF " + std::string(vrfName.str()));
   if (inputs_.vrfStatusAll->vrfIdHas(vrfName)) {
     const Plane::VrfId vrfId = inputs_.vrfStatusAll->vrfId(vrfName);
     vrfOwners_.erase(vrfId);

@@ -372,7 +372,7 @@ struct LinuxHost::Space : MirrorListener {
   }
 
   std::string where() const {
-    return "VRF " + vrf.str() + " (" +
+    return "VRF " + std::string(vrf.str()) + " (" +
            (netnsName.empty() ? std::string("own namespace") : "namespace " + netnsName) + ")";
   }
 

@@ -36,7 +36,7 @@ SimHost::~SimHost() {
 void SimHost::routeAdd(const L3::VrfName& vrfName, const Hosts::Prefix& prefix,
                        Hosts::RoutingResolver::ViaList vias) {
   if (routing()->routeHas(vrfName, prefix)) {
-    throw HostError("route " + prefix.toString() + " exists in VRF " + vrfName.str() +
+    throw HostError("route " + prefix.toString() + " exists in VRF " + std::string(vrfName.str()) +
                     " (use route replace)");
   }
   routing()->routeIs(vrfName, prefix, std::move(vias));

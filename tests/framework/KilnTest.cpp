@@ -335,6 +335,85 @@ TEST(KilnString, ComparesAndHashesByBytes) {
   EXPECT_EQ(Kiln::toText(S("a\"b")), "a\"b");  // raw bytes outside a composite
 }
 
+// Texts of 15 bytes and fewer are held in place, longer ones in a heap copy: every length on
+// either side of that edge, up to the bound.
+std::string textOfLength(size_t n) {
+  std::string text;
+  for (size_t i = 0; i < n; ++i) text.push_back(char('a' + i % 26));
+  return text;
+}
+
+TEST(KilnString, TextOfEveryLengthUpToTheBoundIsKept) {
+  using S = Kiln::String<100>;
+  for (size_t n = 0; n <= S::maxLength(); ++n) {
+    const std::string text = textOfLength(n);
+    const S s(text);
+    EXPECT_EQ(s.str(), text) << n;
+    EXPECT_EQ(s.size(), n);
+    EXPECT_EQ(std::string(s.c_str()), text) << n;
+    EXPECT_EQ(s.hash(7), Core::hashString(text, 7)) << n;
+    const S copy(s);
+    EXPECT_EQ(copy, s) << n;
+    EXPECT_EQ(copy.str(), text) << n;
+  }
+}
+
+TEST(KilnString, TextsDifferingInOneByteOrInLengthAreUnequal) {
+  using S = Kiln::String<100>;
+  for (const size_t n : {1u, 14u, 15u, 16u, 40u}) {
+    const std::string text = textOfLength(n);
+    std::string other = text;
+    other.back() = '#';
+    EXPECT_NE(S(text), S(other)) << n;
+    EXPECT_NE(S(text), S(text + "a")) << n;
+    EXPECT_NE(S(text), S(text.substr(0, n - 1))) << n;
+    EXPECT_EQ(S(text), S(std::string(text))) << n;
+  }
+  // Bytes after a zero byte count.
+  EXPECT_NE(S(std::string_view("a\0b", 3)), S(std::string_view("a\0c", 3)));
+  EXPECT_EQ(S(std::string_view("a\0b", 3)).size(), 3u);
+}
+
+TEST(KilnString, OrderIsByBytesAcrossShortAndLongTexts) {
+  using S = Kiln::String<100>;
+  const S fifteen(textOfLength(15));
+  const S sixteen(textOfLength(16));
+  const S longer(textOfLength(40));
+  EXPECT_LT(fifteen, sixteen);
+  EXPECT_LT(sixteen, longer);
+  EXPECT_GT(S("b"), longer);
+  EXPECT_LT(S(""), fifteen);
+  EXPECT_EQ(longer <=> S(textOfLength(40)), std::strong_ordering::equal);
+}
+
+TEST(KilnString, CopiesMovesAndAssignmentsKeepTheText) {
+  using S = Kiln::String<100>;
+  for (const size_t n : {0u, 15u, 16u, 100u}) {
+    const std::string text = textOfLength(n);
+    S source(text);
+    S moved(std::move(source));
+    EXPECT_EQ(moved.str(), text) << n;
+    EXPECT_TRUE(source.empty()) << n;  // NOLINT(bugprone-use-after-move): moved-from is empty
+    for (const size_t m : {0u, 15u, 16u, 100u}) {
+      S target(textOfLength(m));
+      target = moved;
+      EXPECT_EQ(target.str(), text) << n << " over " << m;
+      S other(textOfLength(m));
+      other = std::move(target);
+      EXPECT_EQ(other.str(), text) << n << " over " << m;
+    }
+    const S& self = moved;
+    moved = self;
+    EXPECT_EQ(moved.str(), text) << n;
+  }
+}
+
+TEST(KilnString, KeepsNamesInSixteenBytes) {
+  // Keys carry VRF names: the size of a key is part of every table's size.
+  EXPECT_EQ(sizeof(Kiln::String<100>), 16u);
+  EXPECT_EQ(sizeof(Kiln::String<3>), 16u);
+}
+
 TEST(KilnArray, CountIsBounded) {
   Kiln::Array<int, 2> a;
   EXPECT_EQ(a.maxCount(), 2u);

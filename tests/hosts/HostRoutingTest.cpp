@@ -54,7 +54,7 @@ Prefix prefix(std::string_view text) { return Prefix::fromText(text); }
 // The VRF names of the changes a recorder saw, in order.
 std::vector<std::string> vrfNames(const TestSupport::ChangeRecorder<L3::VrfName>& recorder) {
   std::vector<std::string> out;
-  for (const L3::VrfName& name : recorder.keys) out.push_back(name.str());
+  for (const L3::VrfName& name : recorder.keys) out.emplace_back(name.str());
   return out;
 }
 
@@ -109,7 +109,7 @@ TEST(RoutingResolver, ProcessesRegistrationsOfSeveralVrfsInOrder) {
   auto recorder = TestSupport::recordChanges<L3::VrfName>(world.nexthopStatus.get(),
                                                           Routing::NexthopStatus::vrfAttr);
   recorder->onChange = [&](const L3::VrfName& name) {
-    seen.push_back((world.nexthopStatus->vrfHas(name) ? "+" : "-") + name.str());
+    seen.push_back((world.nexthopStatus->vrfHas(name) ? "+" : "-") + std::string(name.str()));
   };
   world.nexthopConfig->vrfIs(vrf("red"), Routing::fecIdTypeDefault);
   world.nexthopConfig->vrfIs(vrf("blue"), Routing::fecIdTypeDefault);

@@ -42,11 +42,11 @@ class ResolverStandIn {
   void routeDel(const Netval::IpGenAddr& addr) { routes_.erase(addr); }
   // Routes of the VRF's own table.
   void routeIs(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr, FecId fecId) {
-    vrfRoutes_[vrfName.str()][addr] = fecId;
+    vrfRoutes_[std::string(vrfName.str())][addr] = fecId;
     if (following()) doResolve(vrfName, addr);
   }
   void routeDel(const L3::VrfName& vrfName, const Netval::IpGenAddr& addr) {
-    vrfRoutes_[vrfName.str()].erase(addr);
+    vrfRoutes_[std::string(vrfName.str())].erase(addr);
     if (following()) doResolve(vrfName, addr);
   }
   // The FEC of the route for `addr` that `vrfName` uses, 0 when it has none.
@@ -183,7 +183,7 @@ class ResolverStandIn {
   Routing::NexthopConfig::Ptr nexthopConfig_;
   Routing::NexthopStatus::Ptr nexthopStatus_;
   std::map<Netval::IpGenAddr, FecId> routes_;
-  std::map<std::string, std::map<Netval::IpGenAddr, FecId>> vrfRoutes_;
+  std::map<std::string, std::map<Netval::IpGenAddr, FecId>, std::less<>> vrfRoutes_;
   Hub::TaskScheduler::Ptr scheduler_;
   bool withdrawalRemovesStatus_ = true;
   size_t registrationsDone_ = 0;
