@@ -409,7 +409,10 @@ std::string IntfId::shortName() const { return intfName(id_, true); }
 IntfShortName::IntfShortName(IntfId intf)
     : size_(static_cast<uint8_t>(formatIntfName(intf.id(), true, text_))) {}
 
-EthAddr::EthAddr(uint64_t value) : value_(value) { CORE_ASSERT(value >> 48 == 0); }
+EthAddr::EthAddr(uint64_t value)
+    : words_{uint16_t(value), uint16_t(value >> 16), uint16_t(value >> 32)} {
+  CORE_ASSERT(value >> 48 == 0);
+}
 
 namespace {
 
@@ -458,13 +461,13 @@ void formatMac(uint64_t value, char* out) {
 
 std::ostream& operator<<(std::ostream& os, EthAddr a) {
   char buf[kMacTextSize];
-  formatMac(a.value_, buf);
+  formatMac(a.value(), buf);
   return os.write(buf, sizeof buf);
 }
 
 std::string EthAddr::toString() const {
   char buf[kMacTextSize];
-  formatMac(value_, buf);
+  formatMac(value(), buf);
   return std::string(buf, sizeof buf);
 }
 

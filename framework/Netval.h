@@ -156,23 +156,27 @@ class EthAddr {
   explicit EthAddr(std::string_view text) : EthAddr(fromText(text)) {}
   static EthAddr fromText(std::string_view text);
 
-  bool isZero() const { return value_ == 0; }
-  uint64_t value() const { return value_; }
+  bool isZero() const { return value() == 0; }
+  uint64_t value() const {
+    return uint64_t{words_[0]} | uint64_t{words_[1]} << 16 | uint64_t{words_[2]} << 32;
+  }
 
-  uint32_t hash(uint32_t seed) const { return Core::hashOf(value_, seed); }
-  friend bool operator==(EthAddr a, EthAddr b) { return a.value_ == b.value_; }
-  friend std::strong_ordering operator<=>(EthAddr a, EthAddr b) { return a.value_ <=> b.value_; }
+  uint32_t hash(uint32_t seed) const { return Core::hashOf(value(), seed); }
+  friend bool operator==(EthAddr a, EthAddr b) { return a.words_ == b.words_; }
+  friend std::strong_ordering operator<=>(EthAddr a, EthAddr b) { return a.value() <=> b.value(); }
   // "00:1c:73:aa:bb:cc".
   friend std::ostream& operator<<(std::ostream& os, EthAddr a);
   std::string toString() const;
 
  private:
-  uint64_t value_ = 0;
+  // Three 16-bit words, low first: six bytes aligned to two, so that a record holding a MAC
+  // beside addresses and interface ids needs no padding for it.
+  std::array<uint16_t, 3> words_{};
 };
 
 // These travel in keys on hot paths: copies must stay cheap.
 static_assert(sizeof(IpGenAddr) <= 20 && std::is_trivially_copyable_v<IpGenAddr>);
 static_assert(sizeof(IntfId) == 4 && std::is_trivially_copyable_v<IntfId>);
-static_assert(std::is_trivially_copyable_v<EthAddr>);
+static_assert(sizeof(EthAddr) == 6 && std::is_trivially_copyable_v<EthAddr>);
 
 }  // namespace Netval

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/CoreHash.h"
 #include "framework/Kiln.h"
 
 // Counts allocations, to show which operations allocate nothing.
@@ -369,6 +370,23 @@ TEST(EthAddr, OrdersAndHashesByValue) {
   EXPECT_LT(EthAddr("00:00:00:00:00:ff"), EthAddr("00:00:00:00:01:00"));
   EXPECT_EQ(EthAddr(5).hash(1), EthAddr("00:00:00:00:00:05").hash(1));
   EXPECT_NE(EthAddr(5).hash(1), EthAddr(6).hash(1));
+}
+
+// The six bytes are held as three words: every bit comes back, each word alone tells two
+// addresses apart, and order follows the whole value across words.
+TEST(EthAddr, EveryBitOfTheFortyEightIsKept) {
+  for (unsigned bit = 0; bit < 48; ++bit) {
+    const uint64_t value = uint64_t{1} << bit;
+    EXPECT_EQ(EthAddr(value).value(), value) << bit;
+    EXPECT_NE(EthAddr(value), EthAddr()) << bit;
+    EXPECT_FALSE(EthAddr(value).isZero()) << bit;
+    EXPECT_EQ(EthAddr(value).hash(3), Core::hashOf(value, 3)) << bit;
+  }
+  EXPECT_EQ(EthAddr(0x123456789abcu).value(), 0x123456789abcu);
+  EXPECT_EQ(EthAddr(0x123456789abcu).toString(), "12:34:56:78:9a:bc");
+  EXPECT_LT(EthAddr(0x00000000ffffu), EthAddr(0x000000010000u));
+  EXPECT_LT(EthAddr(0x0000ffffffffu), EthAddr(0x000100000000u));
+  EXPECT_GT(EthAddr(0x000100000000u), EthAddr(0x0000ffff0001u));
 }
 
 }  // namespace
