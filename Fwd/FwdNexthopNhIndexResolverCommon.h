@@ -237,20 +237,33 @@ class StageMap : public Core::Node {
   using Coll = Core::Collection<NexthopIntfId, Entry, Core::KeyBy<&Entry::nexthopIntfId>>;
 
   // Returns true when the map changed; an equal entry notifies nothing.
-  bool mapIs(const Entry& entry) { return map_.set(entry); }
-  bool mapDel(const NexthopIntfId& key) { return map_.del(key); }
-  void mapDelAll() { map_.delAll(); }
+  bool mapIs(const Entry& entry) { return counted(map_.set(entry)); }
+  bool mapDel(const NexthopIntfId& key) { return counted(map_.del(key)); }
+  void mapDelAll() {
+    if (map_.empty()) return;
+    map_.delAll();
+    ++changeCount_;
+  }
   // The stored entry, or the default entry when absent.
   Entry map(const NexthopIntfId& key) const { return map_.get(key); }
   bool mapHas(const NexthopIntfId& key) const { return map_.has(key); }
   size_t mapCount() const { return map_.size(); }
   const Coll& map() const { return map_; }
+  // Moves on with every change of the map, by the time the call that made it returns: a reader
+  // that sees the same count before and after a call knows the map did not change meanwhile.
+  uint64_t changeCount() const { return changeCount_; }
 
  protected:
   StageMap() = default;
 
  private:
+  bool counted(bool changed) {
+    if (changed) ++changeCount_;
+    return changed;
+  }
+
   Coll map_{this, mapAttr};
+  uint64_t changeCount_ = 0;
 };
 
 // How a stage takes in the changes of the stage map it reads. A change of a key is applied as the
@@ -301,9 +314,10 @@ class StageMapFollower {
       std::vector<NexthopIntfId>& running;
       ~Done() { running.pop_back(); }
     } done{running_};
+    const Entry* current = input.map().find(key);
     for (;;) {
-      const Entry* current = input.map().find(key);
       if (applied ? current && *current == *applied : !current) return;
+      const uint64_t changeCount = input.changeCount();
       if (applied) {
         const Entry old = *std::exchange(applied, std::nullopt);
         del(old);
@@ -311,6 +325,8 @@ class StageMapFollower {
         applied = *current;
         add(*applied);
       }
+      // A map that did not change still holds `current` where it was.
+      if (input.changeCount() != changeCount) current = input.map().find(key);
     }
   }
 

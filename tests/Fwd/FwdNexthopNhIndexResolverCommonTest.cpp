@@ -202,6 +202,48 @@ TEST(NexthopToViaNexthopMap, MapDelOfAbsentKeyPublishesNothing) {
   EXPECT_TRUE(recorder->keys.empty());
 }
 
+TEST(NexthopToViaNexthopMap, ChangeCountMovesWithEachChangeAndOnlyThen) {
+  auto map = nexthopToViaNexthopMapFactory();
+  const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
+  const NexthopIntfId other = nhIntf("10.0.0.2", "Ethernet1");
+  uint64_t count = map->changeCount();
+  const auto movedBy = [&](uint64_t steps) {
+    const bool moved = map->changeCount() == count + steps;
+    count = map->changeCount();
+    return moved;
+  };
+  map->mapDelAll();
+  EXPECT_TRUE(movedBy(0));
+  map->mapIs(NexthopToViaNexthopMapEntry(n, ip("10.0.0.254")));
+  EXPECT_TRUE(movedBy(1));
+  map->mapIs(NexthopToViaNexthopMapEntry(n, ip("10.0.0.254")));
+  EXPECT_TRUE(movedBy(0));
+  map->mapIs(NexthopToViaNexthopMapEntry(n, ip("10.0.0.253")));
+  EXPECT_TRUE(movedBy(1));
+  map->mapDel(other);
+  EXPECT_TRUE(movedBy(0));
+  map->mapIs(NexthopToViaNexthopMapEntry(other, ip("10.0.0.254")));
+  map->mapDel(n);
+  EXPECT_TRUE(movedBy(2));
+  map->mapDelAll();
+  EXPECT_NE(count, map->changeCount());
+  EXPECT_EQ(map->mapCount(), 0u);
+}
+
+TEST(NexthopToViaNexthopMap, ChangeMadeInsideANotificationIsCountedWhenTheOuterCallReturns) {
+  auto map = nexthopToViaNexthopMapFactory();
+  const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
+  const NexthopIntfId nested = nhIntf("10.0.0.2", "Ethernet1");
+  auto recorder = recordChanges<NexthopIntfId>(map.get(), NexthopToViaNexthopMap::mapAttr);
+  recorder->onChange = [&](const NexthopIntfId& key) {
+    if (key == n) map->mapIs(NexthopToViaNexthopMapEntry(nested, ip("10.0.0.254")));
+  };
+  const uint64_t before = map->changeCount();
+  map->mapIs(NexthopToViaNexthopMapEntry(n, ip("10.0.0.254")));
+  EXPECT_EQ(map->changeCount(), before + 2);
+  EXPECT_EQ(map->mapCount(), 2u);
+}
+
 TEST(NexthopToViaNexthopMap, AbsentKeyLooksUpDefaultEntry) {
   auto map = nexthopToViaNexthopMapFactory();
   const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
