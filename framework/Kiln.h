@@ -433,12 +433,16 @@ class Value {
         T::kilnAttrs());
   }
 
-  uint32_t hash(uint32_t seed) const {
-    uint32_t h = seed;
-    forEachAttr(derived(), [&h](std::string_view, const auto& value) {
-      h = Core::hashCombine(h, Core::hashOf(value, 0));
-    });
-    return Core::hashMix(h);
+  // Inlined into its callers: keys are hashed on every look-up, and a call per attribute list
+  // costs as much as the few multiplies of the hash itself.
+  [[gnu::always_inline]] uint32_t hash(uint32_t seed) const {
+    return std::apply(
+        [this, seed](const auto&... a) {
+          uint32_t h = seed;
+          ((h = Core::hashCombine(h, Core::hashOf(derived().*a.member, 0))), ...);
+          return Core::hashMix(h);
+        },
+        T::kilnAttrs());
   }
 
   // True when any attribute differs from a default-constructed T.
