@@ -399,12 +399,12 @@ IntfId IntfId::fromKernelName(std::string_view name) {
 
 std::ostream& operator<<(std::ostream& os, IntfId i) {
   char text[IntfShortName::kCapacity];
-  return os.write(text, static_cast<std::streamsize>(formatIntfName(i.id_, false, text)));
+  return os.write(text, static_cast<std::streamsize>(formatIntfName(i.id(), false, text)));
 }
 
-std::string IntfId::name() const { return intfName(id_, false); }
+std::string IntfId::name() const { return intfName(id(), false); }
 
-std::string IntfId::shortName() const { return intfName(id_, true); }
+std::string IntfId::shortName() const { return intfName(id(), true); }
 
 IntfShortName::IntfShortName(IntfId intf)
     : size_(static_cast<uint8_t>(formatIntfName(intf.id(), true, text_))) {}

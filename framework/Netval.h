@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstdint>
 #include <cstring>
@@ -107,23 +108,26 @@ class IntfId {
   // character.
   static IntfId fromKernelName(std::string_view name);
 
-  uint32_t id() const { return id_; }
-  bool empty() const { return id_ == 0; }
+  uint32_t id() const { return std::bit_cast<uint32_t>(bytes_); }
+  bool empty() const { return id() == 0; }
   // Whether this is an interned kernel name rather than a known form.
-  bool isKernelName() const { return id_ >> 28 == kKernelType; }
+  bool isKernelName() const { return id() >> 28 == kKernelType; }
   std::string name() const;
   std::string shortName() const;
 
-  uint32_t hash(uint32_t seed) const { return Core::hashMix(Core::hashCombine(seed, id_)); }
-  friend bool operator==(IntfId a, IntfId b) { return a.id_ == b.id_; }
-  friend std::strong_ordering operator<=>(IntfId a, IntfId b) { return a.id_ <=> b.id_; }
+  uint32_t hash(uint32_t seed) const { return Core::hashMix(Core::hashCombine(seed, id())); }
+  friend bool operator==(IntfId a, IntfId b) { return a.bytes_ == b.bytes_; }
+  friend std::strong_ordering operator<=>(IntfId a, IntfId b) { return a.id() <=> b.id(); }
   // Formats in place: printing builds no string.
   friend std::ostream& operator<<(std::ostream& os, IntfId i);
 
  private:
-  explicit constexpr IntfId(uint32_t id, int) : id_(id) {}
+  explicit constexpr IntfId(uint32_t id, int) : bytes_(std::bit_cast<Bytes>(id)) {}
 
-  uint32_t id_ = 0;
+  // The id's bytes in the machine's order, aligned to one: records that hold an interface id
+  // beside an address (17 bytes) or a MAC need no padding for it.
+  using Bytes = std::array<unsigned char, 4>;
+  Bytes bytes_{};
 };
 
 // The short name of an interface ("Et3/1") formatted into the object itself, for hot trace
@@ -176,7 +180,7 @@ class EthAddr {
 
 // These travel in keys on hot paths: copies must stay cheap.
 static_assert(sizeof(IpGenAddr) <= 20 && std::is_trivially_copyable_v<IpGenAddr>);
-static_assert(sizeof(IntfId) == 4 && std::is_trivially_copyable_v<IntfId>);
+static_assert(sizeof(IntfId) == 4 && alignof(IntfId) == 1 && std::is_trivially_copyable_v<IntfId>);
 static_assert(sizeof(EthAddr) == 6 && std::is_trivially_copyable_v<EthAddr>);
 
 }  // namespace Netval

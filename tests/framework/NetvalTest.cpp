@@ -338,6 +338,24 @@ TEST(IntfId, HashFollowsId) {
   EXPECT_NE(IntfId("Ethernet1").hash(9), IntfId("Ethernet1").hash(10));
 }
 
+// The id is kept as four bytes: interfaces that differ only in the lowest byte (the third
+// number) or only in the highest (the type) stay apart, and the id reads back whole.
+TEST(IntfId, IdsDifferingInOneByteStayApart) {
+  const IntfId low("Ethernet3/1/1");
+  const IntfId lowNext("Ethernet3/1/2");
+  EXPECT_EQ((low.id() ^ lowNext.id()) >> 8, 0u);
+  EXPECT_NE(low, lowNext);
+  EXPECT_LT(low, lowNext);
+  const IntfId vlan("Vlan1");
+  const IntfId loopback("Loopback0");
+  EXPECT_NE(vlan.id() >> 24, loopback.id() >> 24);
+  EXPECT_NE(vlan, loopback);
+  for (const IntfId intf : {low, lowNext, vlan, loopback}) {
+    EXPECT_EQ(IntfId::fromId(intf.id()), intf) << intf;
+    EXPECT_EQ(intf.hash(9), Core::hashMix(Core::hashCombine(9, intf.id()))) << intf;
+  }
+}
+
 TEST(EthAddr, BothTextFormsParse) {
   EthAddr a("00:1c:73:aa:bb:cc");
   EXPECT_EQ(a.value(), 0x001c73aabbccu);
