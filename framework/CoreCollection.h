@@ -166,8 +166,9 @@ class Collection {
   }
 
   const Node* owner_;
+  // The attribute id fills the padding at the end of the table.
+  [[no_unique_address]] HashTable<Key, Member, KeyOf> table_;
   AttrId attr_;
-  HashTable<Key, Member, KeyOf> table_;
 };
 
 // A member of a map-like collection: a value stored under a key that is not part of it.

@@ -278,12 +278,14 @@ class HashTable {
     deallocate(slots, capacity);
   }
 
-  // 32-bit counts keep an empty table (and so every entity's collection) small.
+  // 32-bit counts keep an empty table (and so every entity's collection) small. The counts come
+  // last, so that the padding after them is at the end: a collection holding the table as a
+  // potentially-overlapping member puts its own small fields there.
+  [[no_unique_address]] std::conditional_t<kInlineBlock, InlineBlock, NoInlineBlock> inline_;
   Slot* slots_ = nullptr;
   uint32_t capacity_ = 0;
   uint32_t size_ = 0;
   uint32_t tombstones_ = 0;
-  [[no_unique_address]] std::conditional_t<kInlineBlock, InlineBlock, NoInlineBlock> inline_;
 };
 
 }  // namespace Core

@@ -36,6 +36,39 @@ TEST(Collection, EqualInsertPublishesNothing) {
   EXPECT_EQ(box->map.find(1)->value, "b");
 }
 
+// A collection is its owner, its table and its attribute id, and the id sits in the padding at
+// the end of the table: every entity pays for a collection attribute by the pointer and the table.
+TEST(Collection, AttributeIdTakesNoRoomOfItsOwn) {
+  using Inline = Core::KeySet<uint32_t>;
+  using OnHeap = Core::Map<uint32_t, std::string>;
+  EXPECT_EQ(sizeof(Inline),
+            sizeof(void*) + sizeof(Core::HashTable<uint32_t, uint32_t, Core::KeyIdentity>));
+  EXPECT_EQ(
+      sizeof(OnHeap),
+      sizeof(void*) +
+          sizeof(
+              Core::HashTable<uint32_t, Core::MapEntry<uint32_t, std::string>, Core::KeyOfEntry>));
+}
+
+// Growing, emptying and refilling the table leaves the attribute id beside it as it was: every
+// change still publishes under its own attribute.
+TEST(Collection, ChangesKeepPublishingUnderTheirAttributeWhileTheTableGrows) {
+  auto box = Core::makePtr<Box>();
+  KeysRecorder keys(*box, Box::keysAttr);
+  MapRecorder map(*box, Box::mapAttr);
+  for (uint32_t i = 0; i < 100; ++i) {
+    box->keys.set(i);
+    box->map.set({i, std::to_string(i)});
+  }
+  box->keys.delAll();
+  box->map.del(3);
+  box->keys.set(7);
+  EXPECT_EQ(keys.changes.size(), 201u);
+  EXPECT_EQ(map.changes.size(), 101u);
+  EXPECT_TRUE(box->keys.has(7));
+  EXPECT_EQ(box->map.size(), 99u);
+}
+
 TEST(Collection, DeleteOfAbsentKeyPublishesNothing) {
   auto box = Core::makePtr<Box>();
   KeysRecorder rec(*box, Box::keysAttr);
