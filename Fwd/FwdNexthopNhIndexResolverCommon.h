@@ -237,12 +237,16 @@ class StageMap : public Core::Node {
   using Coll = Core::Collection<NexthopIntfId, Entry, Core::KeyBy<&Entry::nexthopIntfId>>;
 
   // Returns true when the map changed; an equal entry notifies nothing.
-  bool mapIs(const Entry& entry) { return counted(map_.set(entry)); }
-  bool mapDel(const NexthopIntfId& key) { return counted(map_.del(key)); }
+  bool mapIs(const Entry& entry) {
+    return counted([&] { return map_.set(entry); });
+  }
+  bool mapDel(const NexthopIntfId& key) {
+    return counted([&] { return map_.del(key); });
+  }
   void mapDelAll() {
     if (map_.empty()) return;
-    map_.delAll();
     ++changeCount_;
+    map_.delAll();
   }
   // The stored entry, or the default entry when absent.
   Entry map(const NexthopIntfId& key) const { return map_.get(key); }
@@ -257,9 +261,15 @@ class StageMap : public Core::Node {
   StageMap() = default;
 
  private:
-  bool counted(bool changed) {
-    if (changed) ++changeCount_;
-    return changed;
+  // Counts the change before it is published: a handler may drop the last reference to the map,
+  // which then goes away as the publication ends, so nothing of it is touched after a change.
+  // A call that changes nothing published nothing and takes its count back.
+  template <class Change>
+  bool counted(Change change) {
+    ++changeCount_;
+    if (change()) return true;
+    --changeCount_;
+    return false;
   }
 
   Coll map_{this, mapAttr};

@@ -95,8 +95,10 @@ class Collection {
   }
 
   // Empties the collection: in one silent sweep while nobody subscribes to the owner, otherwise
-  // member by member so that every subscriber sees one change per key.
+  // member by member so that every subscriber sees one change per key. A handler may drop the
+  // last reference to the owner: it stays alive until the collection is empty.
   void delAll() {
+    const KeepAlive keep(owner_->hasSubscribers() ? owner_ : nullptr);
     while (!table_.empty()) {
       if (!owner_->hasSubscribers()) {
         table_.clear();

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -242,6 +243,38 @@ TEST(NexthopToViaNexthopMap, ChangeMadeInsideANotificationIsCountedWhenTheOuterC
   map->mapIs(NexthopToViaNexthopMapEntry(n, ip("10.0.0.254")));
   EXPECT_EQ(map->changeCount(), before + 2);
   EXPECT_EQ(map->mapCount(), 2u);
+}
+
+// A handler may drop the last reference to the map that notifies it: the map then goes away as
+// the publication ends, and the call that made the change must not touch it afterwards (the
+// sanitizer builds report any such access).
+TEST(NexthopToViaNexthopMap, HandlerMayDropTheLastReferenceToTheMapItIsNotifiedBy) {
+  const NexthopIntfId n = nhIntf("10.0.0.1", "Ethernet1");
+  const NexthopToViaNexthopMapEntry entry(n, ip("10.0.0.254"));
+  const std::vector<std::function<bool(NexthopToViaNexthopMap&)>> changes = {
+      [&](NexthopToViaNexthopMap& map) { return map.mapIs(entry); },
+      [&](NexthopToViaNexthopMap& map) {
+        return map.mapIs(NexthopToViaNexthopMapEntry(n, ip("10.0.0.253")));
+      },
+      [&](NexthopToViaNexthopMap& map) { return map.mapDel(n); },
+      [&](NexthopToViaNexthopMap& map) {
+        map.mapDelAll();
+        return true;
+      },
+  };
+  for (size_t i = 0; i < changes.size(); ++i) {
+    SCOPED_TRACE(i);
+    auto map = nexthopToViaNexthopMapFactory();
+    if (i > 0) map->mapIs(entry);
+    auto recorder = recordChanges<NexthopIntfId>(map.get(), NexthopToViaNexthopMap::mapAttr);
+    recorder->onChange = [&](const NexthopIntfId&) { map = nullptr; };
+    NexthopToViaNexthopMap* const raw = map.get();
+    const int64_t live = Core::Node::liveCount();
+    EXPECT_TRUE(changes[i](*raw));
+    EXPECT_EQ(map, nullptr);
+    EXPECT_EQ(Core::Node::liveCount(), live - 1);
+    EXPECT_EQ(recorder->keys, std::vector{n});
+  }
 }
 
 TEST(NexthopToViaNexthopMap, AbsentKeyLooksUpDefaultEntry) {

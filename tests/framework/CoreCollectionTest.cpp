@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <limits>
 #include <set>
 #include <string>
 #include <vector>
@@ -112,6 +114,24 @@ TEST(Collection, DeleteAllWhileAHandlerInsertsEndsEmpty) {
   EXPECT_EQ(rec.changes.size(), 70u);
   EXPECT_EQ(inserted, 20u);
   for (uint32_t i = 0; i < 50; ++i) EXPECT_EQ(deleted.count(i), 1u) << "key " << i;
+}
+
+TEST(Collection, OwnerDroppedByAHandlerDuringDeleteAllLivesUntilTheCollectionIsEmpty) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t i = 0; i < 20; ++i) box->keys.set(i);
+  KeysRecorder rec(*box, Box::keysAttr);
+  Box* const raw = box.get();
+  // The fewest entities alive that any handler saw: the box counts until the sweep ends.
+  int64_t liveInHandler = std::numeric_limits<int64_t>::max();
+  rec.onChange = [&](const uint32_t&) {
+    box = nullptr;
+    liveInHandler = std::min(liveInHandler, Core::Node::liveCount());
+  };
+  const int64_t live = Core::Node::liveCount();
+  raw->keys.delAll();
+  EXPECT_EQ(rec.changes.size(), 20u);
+  EXPECT_EQ(liveInHandler, live);
+  EXPECT_EQ(Core::Node::liveCount(), live - 1);
 }
 
 TEST(Collection, DeleteAllWithoutSubscriberSweepsSilently) {
