@@ -34,8 +34,9 @@ constexpr std::string_view tableTypes() {
 }  // namespace detail
 
 // Open-addressing hash table with linear probing over a separate byte of control data per slot
-// (empty, deleted, or seven bits of the key's hash). Erasing never moves another member, so a
-// position stays valid while members are erased around it.
+// (empty, deleted, or seven bits of the key's hash), read eight bytes at a time where the table is
+// that large. Erasing never moves another member, so a position stays valid while members are
+// erased around it.
 // Inserting may grow or rebuild the table: it invalidates pointers to members and the positions
 // of iterations under way (such an iteration stays memory-safe but may skip or repeat members).
 template <class Key, class Slot, class KeyOf>
@@ -60,10 +61,28 @@ class HashTable {
     const uint8_t tag = tagOf(h);
     const uint8_t* ctrl = this->ctrl();
     prefetchHome(h);
-    for (size_t i = home(h);; i = next(i)) {
-      const uint8_t c = ctrl[i];
-      if (c == kEmpty) return nullptr;
-      if (c == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
+    for (size_t i = home(h);;) {
+      if (i + kGroup > capacity_) {
+        // A small table, or the last positions of a large one: byte by byte.
+        const uint8_t c = ctrl[i];
+        if (c == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
+        if (c == kEmpty) return nullptr;
+        i = next(i);
+        continue;
+      }
+      // Eight positions at a time, so that whether the probe goes on is one predictable test
+      // rather than one per position. The first position settles most hits: its member is
+      // compared before the group's marks are worked out.
+      const uint64_t group = groupAt(ctrl, i);
+      if (static_cast<uint8_t>(group) == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
+      // A member past an empty position is never the key (no probe runs through an empty
+      // position), so such a match only costs a comparison.
+      for (uint64_t tags = bytesEqual(group, tag) & ~kFirstByteMark; tags != 0; tags &= tags - 1) {
+        Slot& slot = slots_[i + markedByte(tags)];
+        if (KeyOf()(slot) == key) return &slot;
+      }
+      if (bytesEqual(group, kEmpty) != 0) return nullptr;
+      i = i + kGroup == capacity_ ? 0 : i + kGroup;
     }
   }
 
@@ -80,8 +99,7 @@ class HashTable {
     if ((size_t{size_} + tombstones_ + 1) * 4 > size_t{capacity_} * 3) rebuild();
     uint8_t* ctrl = this->ctrl();
     prefetchHome(h);
-    size_t i = home(h);
-    while (ctrl[i] < kTombstone) i = next(i);
+    const size_t i = firstFree(home(h));
     if (ctrl[i] == kTombstone) --tombstones_;
     ctrl[i] = tagOf(h);
     ++size_;
@@ -115,14 +133,10 @@ class HashTable {
   // Position of the first member at or after `from`, or capacity() when there is none.
   size_t nextOccupied(size_t from) const {
     const uint8_t* ctrl = this->ctrl();
-    // Eight control bytes at a time: a member's byte is a 7-bit tag, empty and deleted positions
-    // have the top bit set.
-    while (from + 8 <= capacity_) {
-      uint64_t word;
-      std::memcpy(&word, ctrl + from, sizeof word);
-      const uint64_t members = ~word & 0x8080808080808080ull;
-      if (members != 0) return from + firstMemberByte(members);
-      from += 8;
+    while (from + kGroup <= capacity_) {
+      const uint64_t members = ~groupAt(ctrl, from) & kHighBits;
+      if (members != 0) return from + markedByte(members);
+      from += kGroup;
     }
     while (from < capacity_ && ctrl[from] >= kTombstone) ++from;
     return from < capacity_ ? from : capacity_;
@@ -139,11 +153,42 @@ class HashTable {
   static constexpr unsigned kTagShift = 25;
   static constexpr uint32_t kBelowTag = (uint32_t{1} << kTagShift) - 1;
   static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> kTagShift); }
-  // The index, in memory order, of the first byte whose top bit is set in `bits`.
-  static size_t firstMemberByte(uint64_t bits) {
-    const int zeros = std::endian::native == std::endian::little ? std::countr_zero(bits)
-                                                                 : std::countl_zero(bits);
-    return static_cast<size_t>(zeros) / 8;
+
+  // Control bytes are read in groups of eight, one 64-bit word whose lowest byte is the first
+  // position, whatever the machine's byte order. A member's byte is a 7-bit tag; empty and
+  // deleted positions have the top bit set. A byte's mark is its top bit.
+  static constexpr size_t kGroup = 8;
+  static constexpr uint64_t kLowBits = 0x7f7f7f7f7f7f7f7full;
+  static constexpr uint64_t kHighBits = ~kLowBits;
+  static constexpr uint64_t kFirstByteMark = 0x80;
+  static uint64_t groupAt(const uint8_t* ctrl, size_t i) {
+    uint64_t group;
+    std::memcpy(&group, ctrl + i, sizeof group);
+    if constexpr (std::endian::native == std::endian::big) group = __builtin_bswap64(group);
+    return group;
+  }
+  // Marks exactly the bytes of `group` equal to `byte` (no carry runs from one byte to the next).
+  static uint64_t bytesEqual(uint64_t group, uint8_t byte) {
+    const uint64_t x = group ^ (0x0101010101010101ull * byte);
+    return ~(((x & kLowBits) + kLowBits) | x | kLowBits);
+  }
+  // The index in the group of the first byte marked in `marks` (not zero).
+  static size_t markedByte(uint64_t marks) {
+    return static_cast<size_t>(std::countr_zero(marks)) / 8;
+  }
+  // The first position at or after `i` that holds no member (empty or deleted).
+  size_t firstFree(size_t i) const {
+    const uint8_t* ctrl = this->ctrl();
+    for (;;) {
+      if (i + kGroup > capacity_) {
+        if (ctrl[i] >= kTombstone) return i;
+        i = next(i);
+        continue;
+      }
+      const uint64_t free = groupAt(ctrl, i) & kHighBits;
+      if (free != 0) return i + markedByte(free);
+      i = i + kGroup == capacity_ ? 0 : i + kGroup;
+    }
   }
   // Capacities are powers of two, and above kDenseFrom also three halves of one, so that a large
   // table is filled to between a half and three quarters rather than to between three eighths and
@@ -210,8 +255,8 @@ class HashTable {
   void moveIn(Slot&& value) {
     const uint32_t h = hashOf(KeyOf()(value), kSeed);
     uint8_t* ctrl = this->ctrl();
-    size_t i = home(h);
-    while (ctrl[i] != kEmpty) i = next(i);
+    // A table being rebuilt has no deleted positions: its first free position is empty.
+    const size_t i = firstFree(home(h));
     ctrl[i] = tagOf(h);
     ++size_;
     new (&slots_[i]) Slot(std::move(value));

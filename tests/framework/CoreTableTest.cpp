@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <map>
+#include <random>
 #include <vector>
 
 #include "framework/CoreTable.h"
@@ -170,6 +172,43 @@ TEST(HashTable, ChainWrappingAroundTheEndIsFoundWithEveryTag) {
   }
   EXPECT_EQ(table.find(ChosenHashKey{999, capacity - 3}), nullptr);
   EXPECT_EQ(table.find(ChosenHashKey{999, 0}), nullptr);
+}
+
+// Random inserts and erases of keys crowded onto few homes with few tags, checked against a model
+// after every step: probes cross groups of positions, the end of the table, deleted positions and
+// false tag matches, through every size the table grows to.
+TEST(HashTable, CrowdedKeysUnderRandomChurnAreFoundExactlyWhilePresent) {
+  ChosenTable table;
+  std::map<uint64_t, ChosenHashKey> model;
+  std::mt19937 rng(11);
+  const auto keyOf = [](uint64_t id) {
+    // Homes spread over 0 to 300 (so over the end of the smaller sizes), tags 0 to 3.
+    const auto h = static_cast<uint32_t>((id * 7919) % 301 | ((id % 4) << 25));
+    return ChosenHashKey{id, h};
+  };
+  for (int step = 0; step < 20000; ++step) {
+    const uint64_t id = rng() % 600;
+    const ChosenHashKey key = keyOf(id);
+    if (ChosenHashKey* present = table.find(key)) {
+      ASSERT_TRUE(model.count(id)) << step;
+      ASSERT_EQ(present->id, id);
+      table.erase(present);
+      model.erase(id);
+    } else {
+      ASSERT_FALSE(model.count(id)) << step;
+      table.emplaceNew(key);
+      model.emplace(id, key);
+    }
+    ASSERT_EQ(table.size(), model.size());
+    if (step % 97 != 0) continue;
+    for (uint64_t other = 0; other < 600; ++other) {
+      const ChosenHashKey* found = table.find(keyOf(other));
+      ASSERT_EQ(found != nullptr, model.count(other) == 1) << step << " " << other;
+      if (found) {
+        ASSERT_EQ(found->id, other);
+      }
+    }
+  }
 }
 
 }  // namespace
