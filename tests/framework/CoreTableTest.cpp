@@ -174,20 +174,15 @@ TEST(HashTable, ChainWrappingAroundTheEndIsFoundWithEveryTag) {
   EXPECT_EQ(table.find(ChosenHashKey{999, 0}), nullptr);
 }
 
-// Random inserts and erases of keys crowded onto few homes with few tags, checked against a model
-// after every step: probes cross groups of positions, the end of the table, deleted positions and
-// false tag matches, through every size the table grows to.
-TEST(HashTable, CrowdedKeysUnderRandomChurnAreFoundExactlyWhilePresent) {
+// Random inserts and erases of the keys 0 to ids - 1, checked against a model after every step
+// and, every `checkEvery` steps, by a look-up of every key.
+template <class KeyOfId>
+void churnAgainstModel(KeyOfId keyOf, uint64_t ids, int steps, int checkEvery) {
   ChosenTable table;
   std::map<uint64_t, ChosenHashKey> model;
   std::mt19937 rng(11);
-  const auto keyOf = [](uint64_t id) {
-    // Homes spread over 0 to 300 (so over the end of the smaller sizes), tags 0 to 3.
-    const auto h = static_cast<uint32_t>((id * 7919) % 301 | ((id % 4) << 25));
-    return ChosenHashKey{id, h};
-  };
-  for (int step = 0; step < 20000; ++step) {
-    const uint64_t id = rng() % 600;
+  for (int step = 0; step < steps; ++step) {
+    const uint64_t id = rng() % ids;
     const ChosenHashKey key = keyOf(id);
     if (ChosenHashKey* present = table.find(key)) {
       ASSERT_TRUE(model.count(id)) << step;
@@ -200,8 +195,8 @@ TEST(HashTable, CrowdedKeysUnderRandomChurnAreFoundExactlyWhilePresent) {
       model.emplace(id, key);
     }
     ASSERT_EQ(table.size(), model.size());
-    if (step % 97 != 0) continue;
-    for (uint64_t other = 0; other < 600; ++other) {
+    if (step % checkEvery != 0) continue;
+    for (uint64_t other = 0; other < ids; ++other) {
       const ChosenHashKey* found = table.find(keyOf(other));
       ASSERT_EQ(found != nullptr, model.count(other) == 1) << step << " " << other;
       if (found) {
@@ -209,6 +204,30 @@ TEST(HashTable, CrowdedKeysUnderRandomChurnAreFoundExactlyWhilePresent) {
       }
     }
   }
+}
+
+// Keys crowded onto few homes with few tags: probes cross groups of positions, the end of the
+// table, deleted positions and false tag matches, through every size the table grows to.
+TEST(HashTable, CrowdedKeysUnderRandomChurnAreFoundExactlyWhilePresent) {
+  churnAgainstModel(
+      [](uint64_t id) {
+        // Homes spread over 0 to 300 (so over the end of the smaller sizes), tags 0 to 3.
+        const auto h = static_cast<uint32_t>((id * 7919) % 301 | ((id % 4) << 25));
+        return ChosenHashKey{id, h};
+      },
+      600, 20000, 97);
+}
+
+// Keys spread over a large table (about 5,000 members in 8,192 positions) under churn: probes
+// of every short length run through deleted positions and groups of positions, and the table
+// rebuilds as deleted positions pile up.
+TEST(HashTable, SpreadKeysUnderRandomChurnInALargeTableAreFoundExactlyWhilePresent) {
+  churnAgainstModel(
+      [](uint64_t id) {
+        const auto spread = static_cast<uint32_t>(id * 2654435761u) & ((1u << 25) - 1);
+        return ChosenHashKey{id, spread | static_cast<uint32_t>(id % 4) << 25};
+      },
+      10000, 100000, 9973);
 }
 
 }  // namespace
