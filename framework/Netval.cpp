@@ -327,8 +327,8 @@ bool validKernelName(std::string_view name) {
   return true;
 }
 
-// Writes the name of `id` into `out` (at least IntfShortName::kCapacity bytes, which every name
-// fits) and returns its length; formatted in place so that trace values need no std::string.
+// Writes the name of `id` into `out` (IntfId::kNameCapacity bytes, which every name fits) and
+// returns its length; formatted in place so that trace values need no std::string.
 size_t formatIntfName(uint32_t id, bool shortForm, char* out) {
   if (id == 0) return 0;
   if (id >> 28 == IntfId::kKernelType) {
@@ -340,13 +340,13 @@ size_t formatIntfName(uint32_t id, bool shortForm, char* out) {
   char* end = std::copy(type.begin(), type.end(), out);
   for (size_t i = 0; i < p.count; ++i) {
     if (i > 0) *end++ = '/';
-    end = std::to_chars(end, out + IntfShortName::kCapacity, p.numbers[i]).ptr;
+    end = std::to_chars(end, out + IntfId::kNameCapacity, p.numbers[i]).ptr;
   }
   return static_cast<size_t>(end - out);
 }
 
 std::string intfName(uint32_t id, bool shortForm) {
-  char text[IntfShortName::kCapacity];
+  char text[IntfId::kNameCapacity];
   return std::string(text, formatIntfName(id, shortForm, text));
 }
 
@@ -397,17 +397,26 @@ IntfId IntfId::fromKernelName(std::string_view name) {
   return IntfId(kKernelType << 28 | KernelNames::instance().indexIs(name), 0);
 }
 
-std::ostream& operator<<(std::ostream& os, IntfId i) {
-  char text[IntfShortName::kCapacity];
-  return os.write(text, static_cast<std::streamsize>(formatIntfName(i.id(), false, text)));
+size_t IntfId::nameInto(char* out, bool shortForm) const {
+  return formatIntfName(id(), shortForm, out);
+}
+
+namespace {
+std::ostream& printName(std::ostream& os, IntfId i, bool shortForm) {
+  char text[IntfId::kNameCapacity];
+  return os.write(text, static_cast<std::streamsize>(i.nameInto(text, shortForm)));
+}
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, IntfId i) { return printName(os, i, false); }
+
+std::ostream& operator<<(std::ostream& os, IntfShortName n) {
+  return printName(os, n.intf(), true);
 }
 
 std::string IntfId::name() const { return intfName(id(), false); }
 
 std::string IntfId::shortName() const { return intfName(id(), true); }
-
-IntfShortName::IntfShortName(IntfId intf)
-    : size_(static_cast<uint8_t>(formatIntfName(intf.id(), true, text_))) {}
 
 EthAddr::EthAddr(uint64_t value)
     : words_{uint16_t(value), uint16_t(value >> 16), uint16_t(value >> 32)} {

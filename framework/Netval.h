@@ -90,6 +90,8 @@ class IntfId {
  public:
   // Longest kernel interface name (IFNAMSIZ - 1).
   static constexpr size_t kKernelNameMax = 15;
+  // Room for any name, long forms included: "Ethernet4095/254/254" is the longest.
+  static constexpr size_t kNameCapacity = 24;
   // The type field of an interned kernel name.
   static constexpr uint32_t kKernelType = 15;
 
@@ -114,6 +116,9 @@ class IntfId {
   bool isKernelName() const { return id() >> 28 == kKernelType; }
   std::string name() const;
   std::string shortName() const;
+  // Writes the name, or the short name, into `out` (kNameCapacity bytes) without allocating and
+  // returns its length. A kernel name is its own short name.
+  size_t nameInto(char* out, bool shortForm) const;
 
   uint32_t hash(uint32_t seed) const { return Core::hashMix(Core::hashCombine(seed, id())); }
   friend bool operator==(IntfId a, IntfId b) { return a.bytes_ == b.bytes_; }
@@ -130,24 +135,17 @@ class IntfId {
   Bytes bytes_{};
 };
 
-// The short name of an interface ("Et3/1") formatted into the object itself, for hot trace
-// statements: it traces as the string IntfId::shortName() returns, without building one. A
-// kernel name is its own short name.
+// An interface traced by its short name ("Et3/1", the text IntfId::shortName() returns), for hot
+// trace statements: printing formats it in place, and the ring trace records only the id and
+// names it when the trace is read.
 class IntfShortName {
  public:
-  // Every name fits, long forms included: "Ethernet4095/254/254" is the longest (kernel names
-  // have at most 15 bytes).
-  static constexpr size_t kCapacity = 24;
-
-  explicit IntfShortName(IntfId intf);
-  std::string_view str() const { return std::string_view(text_, size_); }
-  friend std::ostream& operator<<(std::ostream& os, const IntfShortName& n) {
-    return os << n.str();
-  }
+  explicit IntfShortName(IntfId intf) : intf_(intf) {}
+  IntfId intf() const { return intf_; }
+  friend std::ostream& operator<<(std::ostream& os, IntfShortName n);
 
  private:
-  char text_[kCapacity];
-  uint8_t size_;
+  IntfId intf_;
 };
 
 // A 48-bit MAC address; zero is the default.

@@ -48,9 +48,10 @@ enum class Kind : uint8_t {
   ipGenAddr = 7,
   ethAddr = 8,
   intfId = 9,
-  text = 10,  // the operator<< text of a type without a binary codec
+  text = 10,           // the operator<< text of a type without a binary codec
+  intfShortName = 11,  // an interface id, read as its short name
 };
-static_assert(static_cast<uint8_t>(Kind::text) + 1 == detail::kKindCount);
+static_assert(static_cast<uint8_t>(Kind::intfShortName) + 1 == detail::kKindCount);
 
 // One item of a message in statement order; `piece` holds the literal text of a piece item.
 struct Item {
@@ -204,23 +205,27 @@ struct IpWire {
   }
 };
 
-// An interface id; a kernel name travels with its text, which only this process can look up.
-struct IntfWire {
-  static constexpr Kind kind = Kind::intfId;
+// An interface id, read as its name or (intfShortName) its short name; a kernel name travels
+// with its text, which only this process can look up.
+template <Kind K>
+struct IntfWireOf {
+  static constexpr Kind kind = K;
   Netval::IntfId intf;
-  Netval::IntfShortName name;  // empty unless intf is a kernel name
-  explicit IntfWire(Netval::IntfId i) : intf(i), name(i.isKernelName() ? i : Netval::IntfId()) {}
-  size_t size() const {
-    return sizeof(uint32_t) + (intf.isKernelName() ? 1 + name.str().size() : 0);
+  uint8_t nameSize = 0;  // of a kernel name only
+  char name[Netval::IntfId::kNameCapacity];
+  explicit IntfWireOf(Netval::IntfId i) : intf(i) {
+    if (i.isKernelName()) nameSize = static_cast<uint8_t>(i.nameInto(name, false));
   }
+  size_t size() const { return sizeof(uint32_t) + (intf.isKernelName() ? 1 + nameSize : 0); }
   std::byte* put(std::byte* p) const {
     p = putRaw(p, intf.id());
     if (!intf.isKernelName()) return p;
-    p = putRaw(p, static_cast<uint8_t>(name.str().size()));
-    std::memcpy(p, name.str().data(), name.str().size());
-    return p + name.str().size();
+    p = putRaw(p, nameSize);
+    std::memcpy(p, name, nameSize);
+    return p + nameSize;
   }
 };
+using IntfWire = IntfWireOf<Kind::intfId>;
 
 // A literal piece is an lvalue of type const char[N], as a string literal is.
 template <class A>
@@ -276,6 +281,8 @@ auto wireOf(const std::remove_reference_t<A>& arg) {
     return ScalarWire<Kind::ethAddr, uint64_t>{arg.value()};
   } else if constexpr (std::is_same_v<T, Netval::IntfId>) {
     return IntfWire{arg};
+  } else if constexpr (std::is_same_v<T, Netval::IntfShortName>) {
+    return IntfWireOf<Kind::intfShortName>{arg.intf()};
   } else {
     static_assert(Printable<T>, "a trace value needs a codec or operator<<");
     std::ostringstream os;

@@ -144,6 +144,24 @@ Netval::IpGenAddr ipAddr(Cursor& c) {
   return Netval::IpGenAddr();
 }
 
+void renderIntf(std::ostream& os, bool shortForm, Cursor& c) {
+  auto id = c.take<uint32_t>("interface id");
+  if (id >> 28 == Netval::IntfId::kKernelType) {
+    auto length = c.take<uint8_t>("interface name length");
+    if (length == 0 || length > Netval::IntfId::kKernelNameMax) {
+      c.fail("interface name of " + std::to_string(length) + " bytes");
+    }
+    os << c.bytes(length, "interface name");
+    return;
+  }
+  const Netval::IntfId intf = Netval::IntfId::fromId(id);
+  if (shortForm) {
+    os << Netval::IntfShortName(intf);
+  } else {
+    os << intf;
+  }
+}
+
 void renderValue(std::ostream& os, Kind kind, Cursor& c) {
   switch (kind) {
     case Kind::piece:
@@ -179,19 +197,10 @@ void renderValue(std::ostream& os, Kind kind, Cursor& c) {
       os << Netval::EthAddr(value);
       break;
     }
-    case Kind::intfId: {
-      auto id = c.take<uint32_t>("interface id");
-      if (id >> 28 == Netval::IntfId::kKernelType) {
-        auto length = c.take<uint8_t>("interface name length");
-        if (length == 0 || length > Netval::IntfId::kKernelNameMax) {
-          c.fail("interface name of " + std::to_string(length) + " bytes");
-        }
-        os << c.bytes(length, "interface name");
-      } else {
-        os << Netval::IntfId::fromId(id);
-      }
+    case Kind::intfId:
+    case Kind::intfShortName:
+      renderIntf(os, kind == Kind::intfShortName, c);
       break;
-    }
   }
 }
 

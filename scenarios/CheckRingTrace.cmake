@@ -28,6 +28,7 @@ endif()
 string(REGEX MATCH "^1 [^\n]*" _first "${_out}")
 foreach(_needed "NexthopNhIndexResolverSm::handleInitialized()"
                 "Resolve request added - vrf: red nexthop: 10.0.0.1 intfId: Ethernet1"
+                "viaNexthop: 10.0.0.254, IntfId: Et1"
                 "Publishing resolution for vrfName: red")
   string(FIND "${_out}" "${_needed}" _at)
   if(_at EQUAL -1)

@@ -146,16 +146,31 @@ TEST_F(RingLogTest, KernelInterfaceNameTravelsWithItsText) {
                                      "then Ethernet2 max abcdefghijklmno"));
 }
 
+TEST_F(RingLogTest, InterfaceShortNameIsNamedWhenRead) {
+  ASSERT_TRUE(RingLog::open(path_, kFileBytes));
+  trace(18, "short ", Netval::IntfShortName(Netval::IntfId::fromText("Ethernet3/1")), " long ",
+        Netval::IntfId::fromText("Port-Channel5"), " short ",
+        Netval::IntfShortName(Netval::IntfId::fromText("Port-Channel5")), " kernel ",
+        Netval::IntfShortName(Netval::IntfId::fromKernelName("veth-short0")), " empty '",
+        Netval::IntfShortName(Netval::IntfId()), "'");
+  RingLog::close();
+  EXPECT_THAT(RingLog::decodeFile(path_),
+              ::testing::ElementsAre("1 RingLogTest.cpp:18 [Test/8] void f(): short Et3/1 long "
+                                     "Port-Channel5 short Po5 kernel veth-short0 empty ''"));
+}
+
 TEST_F(RingLogTest, KindsOfItemsFollowTheArguments) {
   std::string s;
-  const auto& m = messageOf(20, "a", 1, s, Netval::IpGenAddr(), Point{0, 0}, 'c', true, 1.0,
-                            Netval::EthAddr(), Netval::IntfId(), 2u);
+  const auto& m =
+      messageOf(20, "a", 1, s, Netval::IpGenAddr(), Point{0, 0}, 'c', true, 1.0, Netval::EthAddr(),
+                Netval::IntfId(), 2u, Netval::IntfShortName(Netval::IntfId()));
   using K = RingLog::Kind;
   std::vector<K> kinds;
   for (const RingLog::Item& item : m.items) kinds.push_back(item.kind);
-  EXPECT_THAT(kinds, ::testing::ElementsAre(K::piece, K::signedInt, K::string, K::ipGenAddr,
-                                            K::text, K::character, K::boolean, K::floating,
-                                            K::ethAddr, K::intfId, K::unsignedInt));
+  EXPECT_THAT(kinds,
+              ::testing::ElementsAre(K::piece, K::signedInt, K::string, K::ipGenAddr, K::text,
+                                     K::character, K::boolean, K::floating, K::ethAddr, K::intfId,
+                                     K::unsignedInt, K::intfShortName));
   EXPECT_EQ(m.items[0].piece, "a");
   EXPECT_EQ(RingLog::message(m.id), &m);
   EXPECT_EQ(RingLog::message(0), nullptr);
