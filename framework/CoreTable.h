@@ -82,7 +82,7 @@ class HashTable {
         if (KeyOf()(slot) == key) return &slot;
       }
       if (bytesEqual(group, kEmpty) != 0) return nullptr;
-      i = i + kGroup == capacity_ ? 0 : i + kGroup;
+      i = nextGroup(i);
     }
   }
 
@@ -187,7 +187,7 @@ class HashTable {
       }
       const uint64_t free = groupAt(ctrl, i) & kHighBits;
       if (free != 0) return i + markedByte(free);
-      i = i + kGroup == capacity_ ? 0 : i + kGroup;
+      i = nextGroup(i);
     }
   }
   // Capacities are powers of two, and above kDenseFrom also three halves of one, so that a large
@@ -202,6 +202,8 @@ class HashTable {
     return static_cast<size_t>((uint64_t{h & kBelowTag} * capacity_) >> kTagShift);
   }
   size_t next(size_t i) const { return i + 1 == capacity_ ? 0 : i + 1; }
+  // The position after the group read at `i` (which ended inside the table).
+  size_t nextGroup(size_t i) const { return i + kGroup == capacity_ ? 0 : i + kGroup; }
   size_t previous(size_t i) const { return (i == 0 ? capacity_ : i) - 1; }
   // The capacity a rebuild gives a table of `members` members.
   static size_t capacityFor(size_t members) {
