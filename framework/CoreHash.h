@@ -76,8 +76,10 @@ concept SelfHashing = requires(const T& v, uint32_t seed) {
   { v.hash(seed) } -> std::convertible_to<uint32_t>;
 };
 
+// Inlined always: a table's look-up is a few instructions around the hash, which the compiler
+// then schedules together.
 template <class T>
-uint32_t hashOf(const T& value, uint32_t seed) {
+[[gnu::always_inline]] inline uint32_t hashOf(const T& value, uint32_t seed) {
   if constexpr (SelfHashing<T>) {
     return value.hash(seed);
   } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {

@@ -60,7 +60,6 @@ class HashTable {
     if (size_ == 0) return nullptr;
     const uint8_t tag = tagOf(h);
     const uint8_t* ctrl = this->ctrl();
-    prefetchHome(h);
     for (size_t i = home(h);;) {
       if (i + kGroup > capacity_) {
         // A small table, or the last positions of a large one: byte by byte.
@@ -76,12 +75,15 @@ class HashTable {
       const uint64_t group = groupAt(ctrl, i);
       if (static_cast<uint8_t>(group) == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
       // A member past an empty position is never the key (no probe runs through an empty
-      // position), so such a match only costs a comparison.
-      for (uint64_t tags = bytesEqual(group, tag) & ~kFirstByteMark; tags != 0; tags &= tags - 1) {
+      // position): only the matches before the group's first empty position are compared.
+      const uint64_t empties = emptyMarks(group);
+      uint64_t tags = bytesEqual(group, tag) & ~kFirstByteMark;
+      if (empties != 0) tags &= empties - 1;
+      for (; tags != 0; tags &= tags - 1) {
         Slot& slot = slots_[i + markedByte(tags)];
         if (KeyOf()(slot) == key) return &slot;
       }
-      if (bytesEqual(group, kEmpty) != 0) return nullptr;
+      if (empties != 0) return nullptr;
       i = nextGroup(i);
     }
   }
@@ -172,6 +174,9 @@ class HashTable {
     const uint64_t x = group ^ (0x0101010101010101ull * byte);
     return ~(((x & kLowBits) + kLowBits) | x | kLowBits);
   }
+  // Marks the empty bytes of `group`: the only bytes with both the top bit and the lowest set.
+  static uint64_t emptyMarks(uint64_t group) { return group & (group << 7) & kHighBits; }
+  static_assert((kEmpty & 0x81) == 0x81 && (kTombstone & 0x81) == 0x80);
   // The index in the group of the first byte marked in `marks` (not zero).
   static size_t markedByte(uint64_t marks) {
     return static_cast<size_t>(std::countr_zero(marks)) / 8;
@@ -221,8 +226,10 @@ class HashTable {
   // The control bytes follow the members in the same block.
   uint8_t* ctrl() const { return reinterpret_cast<uint8_t*>(slots_ + capacity_); }
 
-  // A look-up reads the home position's control byte and then, usually, its member: both are
-  // misses in a large table, so the member is requested before the control byte is read.
+  // An insert writes its member at or just after the home position: in a large table that is a
+  // miss, so the member's line is requested before the control bytes are searched. A look-up
+  // does not ask for it: a miss never reads a member, and the extra request costs more than a
+  // hit gains from it.
   void prefetchHome(uint32_t h) const {
 #if defined(__GNUC__)
     __builtin_prefetch(&slots_[home(h)]);
