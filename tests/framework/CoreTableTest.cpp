@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "framework/CoreTable.h"
@@ -228,6 +229,162 @@ TEST(HashTable, SpreadKeysUnderRandomChurnInALargeTableAreFoundExactlyWhilePrese
         return ChosenHashKey{id, spread | static_cast<uint32_t>(id % 4) << 25};
       },
       10000, 100000, 9973);
+}
+
+// The table at the level of positions: where each member sits, where deleted positions are, and
+// when a rebuild runs, by the rules the table documents (a new member at its chain's first free
+// position; an erased one leaves a deleted position unless the next position is empty; a rebuild
+// moves the members in position order into an empty block). Layouts decide iteration orders,
+// and so dumps and traces: the table must place every member exactly where the model does.
+class PositionModel {
+ public:
+  // After the table inserted `key` and now has `capacity` positions.
+  void inserted(const ChosenHashKey& key, size_t capacity) {
+    if ((size_ + tombstones_ + 1) * 4 > capacity_ * 3) {
+      rebuilt_ = true;
+      rebuild(capacity);
+    }
+    place(key);
+  }
+  void erased(const ChosenHashKey& key) {
+    size_t i = 0;
+    while (state_[i] != kMember || members_[i] != key) ++i;
+    --size_;
+    if (state_[next(i)] != kEmpty) {
+      state_[i] = kDeleted;
+      ++tombstones_;
+      return;
+    }
+    state_[i] = kEmpty;
+    for (size_t j = previous(i); state_[j] == kDeleted; j = previous(j)) {
+      state_[j] = kEmpty;
+      --tombstones_;
+    }
+  }
+  // Members in position order, with their positions.
+  std::vector<std::pair<size_t, ChosenHashKey>> layout() const {
+    std::vector<std::pair<size_t, ChosenHashKey>> out;
+    for (size_t i = 0; i < capacity_; ++i) {
+      if (state_[i] == kMember) out.emplace_back(i, members_[i]);
+    }
+    return out;
+  }
+  // Whether a rebuild ran since the last call.
+  bool takeRebuilt() { return std::exchange(rebuilt_, false); }
+
+ private:
+  enum State : uint8_t { kEmpty, kDeleted, kMember };
+
+  size_t home(uint32_t h) const {
+    if ((capacity_ & (capacity_ - 1)) == 0) return h & (capacity_ - 1);
+    return static_cast<size_t>((uint64_t{h & ((1u << 25) - 1)} * capacity_) >> 25);
+  }
+  size_t next(size_t i) const { return i + 1 == capacity_ ? 0 : i + 1; }
+  size_t previous(size_t i) const { return (i == 0 ? capacity_ : i) - 1; }
+  void place(const ChosenHashKey& key) {
+    size_t i = home(key.h);
+    while (state_[i] == kMember) i = next(i);
+    if (state_[i] == kDeleted) --tombstones_;
+    state_[i] = kMember;
+    members_[i] = key;
+    ++size_;
+  }
+  void rebuild(size_t capacity) {
+    const std::vector<std::pair<size_t, ChosenHashKey>> old = layout();
+    capacity_ = capacity;
+    state_.assign(capacity, kEmpty);
+    members_.assign(capacity, ChosenHashKey{});
+    size_ = 0;
+    tombstones_ = 0;
+    for (const auto& [position, key] : old) place(key);
+  }
+
+  size_t capacity_ = 0;
+  size_t size_ = 0;
+  size_t tombstones_ = 0;
+  std::vector<State> state_;
+  std::vector<ChosenHashKey> members_;
+  bool rebuilt_ = false;
+};
+
+std::vector<std::pair<size_t, ChosenHashKey>> layoutOf(const ChosenTable& table) {
+  std::vector<std::pair<size_t, ChosenHashKey>> out;
+  for (size_t i = table.nextOccupied(0); i < table.capacity(); i = table.nextOccupied(i + 1)) {
+    out.emplace_back(i, table.at(i));
+  }
+  return out;
+}
+
+// One key in eight crowded onto the last positions of every size, so that a run of members
+// wraps around the end of the table; the others spread.
+bool crowded(uint64_t id) { return id % 8 == 1; }
+ChosenHashKey wrappingKey(uint64_t id) {
+  const uint32_t tag = static_cast<uint32_t>(id % 4) << 25;
+  if (!crowded(id)) {
+    return ChosenHashKey{id, (static_cast<uint32_t>(id * 2654435761u) & ((1u << 25) - 1)) | tag};
+  }
+  return ChosenHashKey{id, ((1u << 25) - 1 - static_cast<uint32_t>(id % 6)) | tag};
+}
+
+// Keeps `members` of the keys 0 to ids - 1 in the table while replacing a random one per step,
+// and checks the table's layout against the model after every rebuild and every `checkEvery`
+// steps. Phases of 500 steps alternate between replacing crowded keys by spread ones and the
+// reverse: removals inside the crowded run leave deleted positions that spread insertions do
+// not reuse, so they pile up until the table rebuilds. Returns the number of rebuilds.
+size_t churnLayoutAgainstModel(uint64_t ids, size_t members, int steps, int checkEvery) {
+  ChosenTable table;
+  PositionModel model;
+  // pools[crowded][present]
+  std::vector<uint64_t> pools[2][2];
+  for (uint64_t id = 0; id < ids; ++id) pools[crowded(id)][id < members].push_back(id);
+  for (uint64_t id = 0; id < members; ++id) {
+    table.emplaceNew(wrappingKey(id));
+    model.inserted(wrappingKey(id), table.capacity());
+  }
+  // Growing rebuilds move members into a new block: the model's rule.
+  EXPECT_EQ(layoutOf(table), model.layout());
+  model.takeRebuilt();
+  const size_t capacity = table.capacity();
+  size_t rebuilds = 0;
+  std::mt19937 rng(5);
+  // Moves a random member of `from` to `to`, and returns it.
+  auto take = [&rng](std::vector<uint64_t>& from, std::vector<uint64_t>& to) {
+    std::swap(from[rng() % from.size()], from.back());
+    const uint64_t id = from.back();
+    from.pop_back();
+    to.push_back(id);
+    return id;
+  };
+  for (int step = 0; step < steps; ++step) {
+    const bool outCrowded = step / 500 % 2 == 0;
+    std::vector<uint64_t>(&outPools)[2] = pools[outCrowded];
+    std::vector<uint64_t>(&inPools)[2] = pools[!outCrowded];
+    if (outPools[1].empty() || inPools[0].empty()) continue;
+    const ChosenHashKey out = wrappingKey(take(outPools[1], outPools[0]));
+    const ChosenHashKey in = wrappingKey(take(inPools[0], inPools[1]));
+    table.erase(table.find(out));
+    model.erased(out);
+    table.emplaceNew(in);
+    model.inserted(in, table.capacity());
+    EXPECT_EQ(table.capacity(), capacity);
+    const bool rebuilt = model.takeRebuilt();
+    rebuilds += rebuilt;
+    if (!rebuilt && step % checkEvery != 0) continue;
+    if (layoutOf(table) != model.layout()) {
+      ADD_FAILURE() << "layouts differ after step " << step << (rebuilt ? ", a rebuild" : "");
+      break;
+    }
+  }
+  return rebuilds;
+}
+
+// Under churn at a constant size, with deleted positions piling up until the table rebuilds,
+// every member sits where the position model puts it: small tables (powers of two) and large
+// ones (three halves of one), with a run of members across the end of the table.
+TEST(HashTable, LayoutUnderChurnAndRebuildsFollowsThePositionRules) {
+  EXPECT_GE(churnLayoutAgainstModel(600, 63, 20000, 1), 10u);
+  EXPECT_GE(churnLayoutAgainstModel(1000, 127, 20000, 1), 10u);
+  EXPECT_GE(churnLayoutAgainstModel(9000, 3855, 20000, 997), 5u);
 }
 
 }  // namespace
