@@ -11,7 +11,7 @@ namespace FwdL3Unicast {
 
 namespace {
 
-DualLog::Handle& traceHandle() {
+[[gnu::always_inline]] inline DualLog::Handle& traceHandle() {
   static DualLog::Handle handle("FwdNexthopToViaNexthopSm", false);
   return handle;
 }

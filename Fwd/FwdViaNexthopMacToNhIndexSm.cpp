@@ -13,7 +13,7 @@ namespace FwdL3Unicast {
 
 namespace {
 
-DualLog::Handle& traceHandle() {
+[[gnu::always_inline]] inline DualLog::Handle& traceHandle() {
   static DualLog::Handle handle("FwdViaNexthopMacToNhIndexSm", false);
   return handle;
 }

@@ -10,7 +10,7 @@ namespace FwdL3Unicast {
 
 namespace {
 
-DualLog::Handle& traceHandle() {
+[[gnu::always_inline]] inline DualLog::Handle& traceHandle() {
   static DualLog::Handle handle("FwdViaNexthopToViaNexthopMacSm", false);
   return handle;
 }

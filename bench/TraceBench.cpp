@@ -14,7 +14,7 @@
 
 namespace {
 
-DualLog::Handle& traceHandle() {
+[[gnu::always_inline]] inline DualLog::Handle& traceHandle() {
   static DualLog::Handle h("TraceBench", false);
   return h;
 }

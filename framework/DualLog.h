@@ -13,8 +13,12 @@
 // One trace statement, two back-ends: the binary ring trace (RingLog) and the text trace.
 //
 // A source unit defines, in an anonymous namespace,
-//   DualLog::Handle& traceHandle() { static DualLog::Handle h("UnitName", false); return h; }
-// and traces with DUALLOG_TRACE(level, "piece", value, "piece", ...). String literals are the
+//   [[gnu::always_inline]] inline DualLog::Handle& traceHandle() {
+//     static DualLog::Handle h("UnitName", false);
+//     return h;
+//   }
+// (inlined, so that a statement costs a guard test rather than a call to reach its handle) and
+// traces with DUALLOG_TRACE(level, "piece", value, "piece", ...). String literals are the
 // message's literal pieces; every other argument is a value, printed with operator<<. The text is
 // the function's signature as GCC prints it (whichever compiler built it, see CoreSignature.h),
 // ": ", then the pieces and values in order.

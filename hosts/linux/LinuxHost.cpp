@@ -20,7 +20,7 @@ namespace Hosts::Linux {
 
 namespace {
 
-DualLog::Handle& traceHandle() {
+[[gnu::always_inline]] inline DualLog::Handle& traceHandle() {
   static DualLog::Handle handle("LinuxHost", false);
   return handle;
 }
