@@ -207,6 +207,10 @@ void IntfViaNexthopMacToNhIndexSm::handleInitialized() {
 
 void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac() {
   if (!nextHopMod_) return;
+  // Without a group no entry matches, so the walk would change nothing (nor could anything it
+  // does add a group). That is how an interface's machine usually starts: its request record is
+  // published before the record's first group is added.
+  if (intfViaNexthopMacToNhIndexRequest_->requesterCollCount() == 0) return;
   // Walked from a copy: a handler of a write may change the table, and an insertion may reorder
   // it under a walk. An entry changed meanwhile reaches the machine through its own
   // notification, so only what the table still holds is matched here.
