@@ -348,8 +348,9 @@ void NexthopNhIndexResolverSm::handleConfig(const NexthopNhIndexResolverKey& key
   // clang-format on
   vrfConfig->configDel(nexthopIntfId);
   // Handlers of the removal may have taken the VRF down and tracked it anew, with a request
-  // collection of its own: the VRF is then theirs, whatever this one now holds.
-  if (!vrfConfigCurrent(vrfName, vrfConfig) || vrfConfig->configCount() != 0) return;
+  // collection of its own: the VRF is then theirs, whatever this one now holds. The count is
+  // tested first: it spares most removals the look-up of the VRF.
+  if (vrfConfig->configCount() != 0 || !vrfConfigCurrent(vrfName, vrfConfig)) return;
   DUALLOG_TRACE(8, "Last nexthop for the vrf ", vrfName, "  being deleted ");
   checkAndDestroyVrfSm(vrfName);
   if (!vrfConfigCurrent(vrfName, vrfConfig)) return;
