@@ -425,7 +425,8 @@ void printList(std::ostream& os, const Range& items) {
 template <class T>
 class Value {
  public:
-  bool isEq(const T& other) const {
+  // Inlined into its callers, as hash() is: every look-up that finds a key compares it.
+  [[gnu::always_inline]] bool isEq(const T& other) const {
     const T& self = derived();
     if (&self == &other) return true;
     return std::apply(
