@@ -167,7 +167,7 @@ class EthAddr {
     return uint64_t{words_[0]} | uint64_t{words_[1]} << 16 | uint64_t{words_[2]} << 32;
   }
 
-  uint32_t hash(uint32_t seed) const { return Core::hashOf(value(), seed); }
+  uint32_t hash(uint32_t seed) const { return Core::hashOfWords(value(), seed); }
   friend bool operator==(EthAddr a, EthAddr b) { return a.words_ == b.words_; }
   friend std::strong_ordering operator<=>(EthAddr a, EthAddr b) { return a.value() <=> b.value(); }
   // "00:1c:73:aa:bb:cc".

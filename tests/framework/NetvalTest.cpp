@@ -408,7 +408,7 @@ TEST(EthAddr, EveryBitOfTheFortyEightIsKept) {
     EXPECT_EQ(EthAddr(value).value(), value) << bit;
     EXPECT_NE(EthAddr(value), EthAddr()) << bit;
     EXPECT_FALSE(EthAddr(value).isZero()) << bit;
-    EXPECT_EQ(EthAddr(value).hash(3), Core::hashOf(value, 3)) << bit;
+    EXPECT_EQ(EthAddr(value).hash(3), Core::hashOfWords(value, 3)) << bit;
   }
   EXPECT_EQ(EthAddr(0x123456789abcu).value(), 0x123456789abcu);
   EXPECT_EQ(EthAddr(0x123456789abcu).toString(), "12:34:56:78:9a:bc");
