@@ -135,10 +135,14 @@ void FibMonitorHelperSm::indexAll() {
 }
 
 void FibMonitorHelperSm::indexIs(const Netval::IpGenAddr& addr, Memtab::Fib::FecId fecId) {
-  CORE_ASSERT(!fecOfAddr_.find(addr));
-  FecUsers* users = addrsOfFec_.find(fecId);
-  if (!users) users = addrsOfFec_.emplaceNew(FecUsers{fecId, {}});
-  fecOfAddr_.emplaceNew(IndexedAddr{addr, static_cast<uint32_t>(users->addrs.size()), fecId});
+  // Each key is hashed once, for its look-up and its insertion.
+  const uint32_t addrHash = decltype(fecOfAddr_)::hashKey(addr);
+  CORE_ASSERT(!fecOfAddr_.find(addr, addrHash));
+  const uint32_t fecHash = decltype(addrsOfFec_)::hashKey(fecId);
+  FecUsers* users = addrsOfFec_.find(fecId, fecHash);
+  if (!users) users = addrsOfFec_.insertNew(fecHash, FecUsers{fecId, {}});
+  fecOfAddr_.insertNew(addrHash,
+                       IndexedAddr{addr, static_cast<uint32_t>(users->addrs.size()), fecId});
   users->addrs.push_back(addr);
 }
 
