@@ -34,8 +34,8 @@ constexpr uint32_t hashMixCombine(uint32_t h, uint32_t value) {
 
 // The hash of integers and enums of up to 32 bits, and of MAC addresses: kept as it is so that
 // tables keyed by them keep their layout (dumps list members in table order, and the search for
-// a MAC in a next-hop table takes the first match in that order).
-constexpr uint32_t hashOfWords(uint64_t value, uint32_t seed) {
+// a MAC in a next-hop table takes the first match in that order). Inlined always, as hashOf() is.
+[[gnu::always_inline]] constexpr uint32_t hashOfWords(uint64_t value, uint32_t seed) {
   return hashMixCombine(hashMixCombine(seed, static_cast<uint32_t>(value)),
                         static_cast<uint32_t>(value >> 32));
 }
