@@ -8,7 +8,8 @@
 #include <type_traits>
 
 // Hashing shared by every value type and collection: 32-bit hashes with a 32-bit seed, mixed with
-// the murmur3 finaliser. Constants are fixed so that table layouts, dumps and traces reproduce.
+// the murmur3 finaliser (64-bit integers: with a folded 128-bit multiply). Constants are fixed so
+// that table layouts, dumps and traces reproduce.
 namespace Core {
 
 constexpr uint32_t hashMix(uint32_t h) {
