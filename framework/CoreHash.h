@@ -43,8 +43,9 @@ constexpr uint32_t hashMixCombine(uint32_t h, uint32_t value) {
 
 // The hash of 64-bit integers and enums: one 64 x 64 -> 128-bit multiply, folded. The product's
 // high half depends on every bit of the value, and folding it into the low half and then into 32
-// bits spreads that into both the home bits and the tag bits of a table. Four multiplies fewer
-// than hashOfWords(), on the critical path of every look-up in a table keyed by such a value.
+// bits spreads that into both the home bits and the tag bits of a table. One multiply where
+// hashOfWords() chains eight, on the critical path of every look-up in a table keyed by such a
+// value.
 constexpr uint32_t hashOfWide(uint64_t value, uint32_t seed) {
   __extension__ using Product = unsigned __int128;
   const Product product =
