@@ -312,18 +312,33 @@ class StageMapFollower {
   }
 
  private:
+  // A key whose change is being applied, on the stack of the call applying it, linked to the
+  // change it runs inside.
+  struct Running {
+    const NexthopIntfId& key;
+    const Running* outer;
+  };
+
   bool busy(const NexthopIntfId& key) const {
-    return pending_.find(key) || std::find(running_.begin(), running_.end(), key) != running_.end();
+    if (pending_.find(key)) return true;
+    for (const Running* running = running_; running; running = running->outer) {
+      if (running->key == key) return true;
+    }
+    return false;
   }
 
   template <class Del, class Add>
   void follow(const StageMap<Entry>& input, const NexthopIntfId& key, std::optional<Entry> applied,
               Del& del, Add& add) {
-    running_.push_back(key);
-    struct Done {
-      std::vector<NexthopIntfId>& running;
-      ~Done() { running.pop_back(); }
-    } done{running_};
+    // `key` outlives the call: it is the caller's.
+    const Running running{key, running_};
+    running_ = &running;
+    // Calls nest, so this one's key is the innermost again when it returns.
+    struct Unlink {
+      const Running*& innermost;
+      const Running& running;
+      ~Unlink() { innermost = running.outer; }
+    } unlink{running_, running};
     const Entry* current = input.map().find(key);
     for (;;) {
       if (applied ? current && *current == *applied : !current) return;
@@ -342,8 +357,8 @@ class StageMapFollower {
 
   // Keys of a replay under way that it has not reached yet.
   Core::HashTable<NexthopIntfId, NexthopIntfId, Core::KeyIdentity> pending_;
-  // Keys whose change is being applied, innermost last: a handful at most.
-  std::vector<NexthopIntfId> running_;
+  // The innermost key whose change is being applied (a handful are ever linked), or null.
+  const Running* running_ = nullptr;
 };
 
 // The `requesterColl` attribute of the stage 2 and stage 3 request records: the requested

@@ -153,7 +153,14 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& changed) {
   // against what was applied: two interleaved changes of one record would each act on a state
   // the other had moved (a removal finding the record it looked up dropped and replaced, say).
   if (configChangeDeferred(changed)) return;
-  configChanging_.push_back({changed.nexthop(), {}});
+  ConfigChange change{changed.nexthop(), {}, configChanging_};
+  configChanging_ = &change;
+  // Calls nest, so the change of this call is the innermost again when it returns.
+  struct Unlink {
+    ConfigChange*& innermost;
+    const ConfigChange& change;
+    ~Unlink() { innermost = change.outer; }
+  } unlink{configChanging_, change};
   NexthopIntfId next = changed;
   do {
     const NexthopIntfId nexthopIntfId = next;
@@ -192,30 +199,26 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& changed) {
     }
     DUALLOG_TRACE(8, "Total number of nexthops tracked for vrf ", vrfName_, " are ",
                   nexthopVrfConfig_->nexthopCount());
-  } while (configChangeNext(changed.nexthop(), next));
+  } while (configChangeNext(change, next));
 }
 
 bool NexthopToViaNexthopSm::configChangeDeferred(const NexthopIntfId& key) {
-  for (ConfigChange& running : configChanging_) {
-    if (running.nexthop != key.nexthop()) continue;
-    if (std::find(running.deferred.begin(), running.deferred.end(), key) ==
-        running.deferred.end()) {
-      running.deferred.push_back(key);
+  for (ConfigChange* running = configChanging_; running; running = running->outer) {
+    if (running->nexthop != key.nexthop()) continue;
+    if (std::find(running->deferred.begin(), running->deferred.end(), key) ==
+        running->deferred.end()) {
+      running->deferred.push_back(key);
     }
     return true;
   }
   return false;
 }
 
-bool NexthopToViaNexthopSm::configChangeNext(const Netval::IpGenAddr& nexthop,
-                                             NexthopIntfId& next) {
-  const auto running = std::find_if(configChanging_.begin(), configChanging_.end(),
-                                    [&](const ConfigChange& c) { return c.nexthop == nexthop; });
-  CORE_ASSERT(running != configChanging_.end());
-  while (!running->deferred.empty()) {
-    const NexthopIntfId key = running->deferred.front();
-    running->deferred.erase(running->deferred.begin());
-    const NexthopRequest::Ptr request = allNexthopRequests_->request(nexthop);
+bool NexthopToViaNexthopSm::configChangeNext(ConfigChange& change, NexthopIntfId& next) {
+  while (!change.deferred.empty()) {
+    const NexthopIntfId key = change.deferred.front();
+    change.deferred.erase(change.deferred.begin());
+    const NexthopRequest::Ptr request = allNexthopRequests_->request(change.nexthop);
     const bool applied = request && request->intfViaInfoHas(key.intfId());
     const bool wanted = config_ && config_->configHas(key);
     if (applied != wanted) {
@@ -223,7 +226,6 @@ bool NexthopToViaNexthopSm::configChangeNext(const Netval::IpGenAddr& nexthop,
       return true;
     }
   }
-  configChanging_.erase(running);
   return false;
 }
 

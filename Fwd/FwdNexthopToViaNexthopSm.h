@@ -181,9 +181,6 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // Whether the record of `key`'s nexthop is being changed by an outer handleConfig, which then
   // looks at `key` again (kept in its deferred list).
   bool configChangeDeferred(const NexthopIntfId& key);
-  // The next deferred request of `nexthop` whose applied state differs from the wanted one, in
-  // `next`; false (and the nexthop forgotten) when none is left.
-  bool configChangeNext(const Netval::IpGenAddr& nexthop, NexthopIntfId& next);
   // Drains the backlog: each address is removed before it is handled, so an address queued again
   // while it is handled is handled again. Each removal re-enters this handler through the
   // backlog's notification; that nested call only traces and returns, and the one drain under
@@ -255,13 +252,18 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   Memtab::FibGen::Fec fec_;
   // Set while handleNexthopBacklog walks the backlog.
   bool drainingBacklog_ = false;
-  // Nexthops whose record handleConfig is changing (a handful at most), with the requests of
-  // theirs that nested notifications changed meanwhile.
+  // A nexthop whose record a handleConfig call is changing, with the requests of that nexthop
+  // that nested notifications changed meanwhile. Each lives on its call's stack, linked to the
+  // change it runs inside: the innermost is configChanging_, and a handful are ever linked.
   struct ConfigChange {
     Netval::IpGenAddr nexthop;
     std::vector<NexthopIntfId> deferred;
+    ConfigChange* outer = nullptr;
   };
-  std::vector<ConfigChange> configChanging_;
+  ConfigChange* configChanging_ = nullptr;
+  // The next request deferred into `change` whose applied state differs from the wanted one, in
+  // `next`; false when none is left.
+  bool configChangeNext(ConfigChange& change, NexthopIntfId& next);
   // Set by retire(): the registrations belong to whoever runs the VRF now.
   bool retired_ = false;
 
