@@ -14,10 +14,7 @@ namespace Core {
 // when there is none; only a creation changes (and publishes on) the collection.
 template <class Coll, class Create>
 typename Coll::member_type childIs(Coll& coll, const typename Coll::key_type& key, Create create) {
-  if (typename Coll::member_type existing = coll.get(key)) return existing;
-  typename Coll::member_type created = create(key);
-  coll.set(created);
-  return created;
+  return coll.getOrInsert(key, create);
 }
 
 // The line "<name>: #<count>" at indent + 2 that starts the dump of a collection attribute.

@@ -86,6 +86,20 @@ class Collection {
     return true;
   }
 
+  // The member stored under `key`, or else the member `create(key)` returns (whose key is
+  // `key`), inserted and published first. The key is hashed once; `create` must not change the
+  // collection.
+  template <class Create>
+  Member getOrInsert(const Key& key, Create&& create) {
+    const uint32_t h = Table::hashKey(key);
+    if (const Member* present = table_.find(key, h)) return *present;
+    const size_t sizeBefore = table_.size();
+    Member created = create(key);
+    CORE_ASSERT(table_.size() == sizeBefore && KeyOf()(created) == key);
+    publish(nullptr, table_.insertNew(h, Member(created)));
+    return created;
+  }
+
   // Removes the member stored under `key`. Returns false (publishing nothing) when absent.
   bool del(const Key& key) {
     Member* present = table_.find(key);

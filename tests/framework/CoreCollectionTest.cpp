@@ -296,6 +296,70 @@ TEST(Collection, ChildMapReplacesByIdentityOnly) {
   EXPECT_EQ(parent->child.get(2), nullptr);
 }
 
+// A key that counts how often a table hashes it.
+struct CountedKey {
+  uint32_t id;
+  static inline int hashes = 0;
+  uint32_t hash(uint32_t seed) const {
+    ++hashes;
+    return Core::hashOf(id, seed);
+  }
+  friend bool operator==(const CountedKey&, const CountedKey&) = default;
+};
+
+struct CountedBox : Core::Node {
+  static constexpr AttrId keysAttr = 1;
+  Core::KeySet<CountedKey> keys{this, keysAttr};
+};
+
+TEST(Collection, GetOrInsertHashesTheKeyOnceAndPublishesOnlyTheInsertion) {
+  auto box = Core::makePtr<CountedBox>();
+  TestSupport::ChangeRecorder<CountedKey, CountedKey> rec(*box, CountedBox::keysAttr);
+  int creations = 0;
+  auto create = [&creations](const CountedKey& key) {
+    ++creations;
+    return CountedKey{key.id};
+  };
+  CountedKey::hashes = 0;
+
+  EXPECT_EQ(box->keys.getOrInsert(CountedKey{7}, create), CountedKey{7});
+  EXPECT_EQ(CountedKey::hashes, 1);
+  EXPECT_EQ(box->keys.getOrInsert(CountedKey{7}, create), CountedKey{7});
+  EXPECT_EQ(CountedKey::hashes, 2);
+
+  EXPECT_EQ(creations, 1);
+  EXPECT_EQ(box->keys.size(), 1u);
+  ASSERT_EQ(rec.changes.size(), 1u);
+  EXPECT_FALSE(rec.changes[0].oldValue);
+  EXPECT_EQ(rec.changes[0].newValue, CountedKey{7});
+}
+
+TEST(Collection, GetOrInsertFindsTheKeyAmongOthersAfterGrowth) {
+  auto box = Core::makePtr<Box>();
+  for (uint32_t k = 0; k < 100; ++k) {
+    EXPECT_EQ(box->keys.getOrInsert(k, [](uint32_t key) { return key; }), k);
+  }
+  EXPECT_EQ(box->keys.size(), 100u);
+  for (uint32_t k = 0; k < 100; ++k) {
+    EXPECT_EQ(box->keys.getOrInsert(k,
+                                    [](uint32_t) -> uint32_t {
+                                      ADD_FAILURE();
+                                      return 0;
+                                    }),
+              k);
+  }
+  EXPECT_EQ(box->keys.size(), 100u);
+}
+
+TEST(CollectionDeathTest, GetOrInsertWhoseCreationChangesTheCollectionIsABrokenInvariant) {
+  auto box = Core::makePtr<Box>();
+  auto sneaky = [&box](uint32_t key) {
+    box->keys.set(key + 1);
+    return key;
+  };
+  EXPECT_DEATH(box->keys.getOrInsert(3, sneaky), "table_.size\\(\\) == sizeBefore");
+}
+
 TEST(Collection, TeardownFreesEveryEntity) {
   const int64_t before = Core::Node::liveCount();
   {
