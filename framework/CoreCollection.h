@@ -42,11 +42,11 @@ struct IsPtr<Ptr<T>> : std::true_type {};
 // (Member = Key, KeyIdentity), values stored under a key that a functor extracts, or counted
 // references to child entities (Member = Ptr<T>).
 //
-// Change notification: an insert-or-replace that inserts or changes a member, and a delete that
-// removes one, publishes one change of `attr` on the owner, carrying a pointer to the key. An
-// insert-or-replace of an equal member publishes nothing. While the change is published, the old
-// member (null for an insertion) and the new one (null for a deletion) are anchored as the
-// notification values of (owner, attr, Member).
+// Change notification: an insert-or-replace that inserts or changes a member, a get-or-insert
+// that inserts one, and a delete that removes one, each publishes one change of `attr` on the
+// owner, carrying a pointer to the key. An insert-or-replace of an equal member publishes nothing.
+// While the change is published, the old member (null for an insertion) and the new one (null for a
+// deletion) are anchored as the notification values of (owner, attr, Member).
 //
 // Iteration: a loop may delete the current member or any other, also through handlers that its
 // deletions trigger; it visits every member that stays present exactly once. A reference to a
