@@ -276,6 +276,25 @@ class StageMap : public Core::Node {
   uint64_t changeCount_ = 0;
 };
 
+// Keeps `frame` innermost in a stack of frames that live on their callers' stacks, linked through
+// their `outer` member, from its construction to its destruction, also when the call unwinds.
+// Calls nest, so the frame it unlinks is always the innermost.
+template <class Frame>
+class FrameLink {
+ public:
+  FrameLink(Frame*& innermost, Frame& frame) : innermost_(innermost), frame_(frame) {
+    frame.outer = innermost;
+    innermost = &frame;
+  }
+  FrameLink(const FrameLink&) = delete;
+  FrameLink& operator=(const FrameLink&) = delete;
+  ~FrameLink() { innermost_ = frame_.outer; }
+
+ private:
+  Frame*& innermost_;
+  const Frame& frame_;
+};
+
 // How a stage takes in the changes of the stage map it reads. A change of a key is applied as the
 // removal of the entry the stage applied (the notification's old entry) followed by the addition
 // of the entry the map holds. Handlers run inside the publications they cause, so the key may
@@ -312,11 +331,10 @@ class StageMapFollower {
   }
 
  private:
-  // A key whose change is being applied, on the stack of the call applying it, linked to the
-  // change it runs inside.
+  // A key whose change is being applied, on the stack of the call applying it.
   struct Running {
     const NexthopIntfId& key;
-    const Running* outer;
+    Running* outer = nullptr;
   };
 
   bool busy(const NexthopIntfId& key) const {
@@ -331,14 +349,8 @@ class StageMapFollower {
   void follow(const StageMap<Entry>& input, const NexthopIntfId& key, std::optional<Entry> applied,
               Del& del, Add& add) {
     // `key` outlives the call: it is the caller's.
-    const Running running{key, running_};
-    running_ = &running;
-    // Calls nest, so this one's key is the innermost again when it returns.
-    struct Unlink {
-      const Running*& innermost;
-      const Running& running;
-      ~Unlink() { innermost = running.outer; }
-    } unlink{running_, running};
+    Running running{key};
+    const FrameLink<Running> link(running_, running);
     const Entry* current = input.map().find(key);
     for (;;) {
       if (applied ? current && *current == *applied : !current) return;
@@ -358,7 +370,7 @@ class StageMapFollower {
   // Keys of a replay under way that it has not reached yet.
   Core::HashTable<NexthopIntfId, NexthopIntfId, Core::KeyIdentity> pending_;
   // The innermost key whose change is being applied (a handful are ever linked), or null.
-  const Running* running_ = nullptr;
+  Running* running_ = nullptr;
 };
 
 // The `requesterColl` attribute of the stage 2 and stage 3 request records: the requested

@@ -153,14 +153,8 @@ void NexthopToViaNexthopSm::handleConfig(const NexthopIntfId& changed) {
   // against what was applied: two interleaved changes of one record would each act on a state
   // the other had moved (a removal finding the record it looked up dropped and replaced, say).
   if (configChangeDeferred(changed)) return;
-  ConfigChange change{changed.nexthop(), {}, configChanging_};
-  configChanging_ = &change;
-  // Calls nest, so the change of this call is the innermost again when it returns.
-  struct Unlink {
-    ConfigChange*& innermost;
-    const ConfigChange& change;
-    ~Unlink() { innermost = change.outer; }
-  } unlink{configChanging_, change};
+  ConfigChange change{changed.nexthop(), {}};
+  const FrameLink<ConfigChange> link(configChanging_, change);
   NexthopIntfId next = changed;
   do {
     const NexthopIntfId nexthopIntfId = next;

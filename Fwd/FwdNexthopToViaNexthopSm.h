@@ -253,8 +253,8 @@ class NexthopToViaNexthopSm : public Core::Reactor {
   // Set while handleNexthopBacklog walks the backlog.
   bool drainingBacklog_ = false;
   // A nexthop whose record a handleConfig call is changing, with the requests of that nexthop
-  // that nested notifications changed meanwhile. Each lives on its call's stack, linked to the
-  // change it runs inside: the innermost is configChanging_, and a handful are ever linked.
+  // that nested notifications changed meanwhile. Each lives on its call's stack (FrameLink): the
+  // innermost is configChanging_, and a handful are ever linked.
   struct ConfigChange {
     Netval::IpGenAddr nexthop;
     std::vector<NexthopIntfId> deferred;

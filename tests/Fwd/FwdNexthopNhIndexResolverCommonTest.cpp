@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -430,6 +431,49 @@ TEST(ResolverCollections, ReleasingEverythingFreesEverything) {
     EXPECT_EQ(Core::Node::liveCount(), before + 6);
   }
   EXPECT_EQ(Core::Node::liveCount(), before);
+}
+
+// A frame of a test stack: its name and the frame it was linked inside.
+struct NamedFrame {
+  std::string name;
+  NamedFrame* outer = nullptr;
+};
+
+std::vector<std::string> namesFromInnermost(const NamedFrame* innermost) {
+  std::vector<std::string> names;
+  for (const NamedFrame* frame = innermost; frame; frame = frame->outer)
+    names.push_back(frame->name);
+  return names;
+}
+
+TEST(FrameLink, NestedLinksStackUpAndEachLeavesItsOuterInnermost) {
+  NamedFrame* innermost = nullptr;
+  NamedFrame a{"a"};
+  {
+    const FrameLink<NamedFrame> linkA(innermost, a);
+    NamedFrame b{"b"};
+    {
+      const FrameLink<NamedFrame> linkB(innermost, b);
+      EXPECT_EQ(namesFromInnermost(innermost), (std::vector<std::string>{"b", "a"}));
+    }
+    EXPECT_EQ(innermost, &a);
+    EXPECT_EQ(namesFromInnermost(innermost), (std::vector<std::string>{"a"}));
+  }
+  EXPECT_EQ(innermost, nullptr);
+}
+
+TEST(FrameLink, UnwindingUnlinksTheFrame) {
+  NamedFrame* innermost = nullptr;
+  NamedFrame a{"a"};
+  const FrameLink<NamedFrame> linkA(innermost, a);
+  try {
+    NamedFrame b{"b"};
+    const FrameLink<NamedFrame> linkB(innermost, b);
+    throw std::runtime_error("unwind");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_EQ(innermost, &a);
+  EXPECT_EQ(a.outer, nullptr);
 }
 
 }  // namespace
