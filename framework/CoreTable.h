@@ -13,6 +13,7 @@
 #include "framework/CoreHash.h"
 #include "framework/CoreMemory.h"
 #include "framework/CoreSignature.h"
+#include "framework/detail/CoreControlGroup.h"
 
 namespace Core {
 
@@ -34,7 +35,7 @@ constexpr std::string_view tableTypes() {
 }  // namespace detail
 
 // Open-addressing hash table with linear probing over a separate byte of control data per slot
-// (empty, deleted, or seven bits of the key's hash), read eight bytes at a time where the table is
+// (empty, deleted, or seven bits of the key's hash), read a group at a time where the table is
 // that large. Erasing never moves another member, so a position stays valid while members are
 // erased around it.
 // Inserting may grow or rebuild the table: it invalidates pointers to members and the positions
@@ -60,8 +61,13 @@ class HashTable {
     if (size_ == 0) return nullptr;
     const uint8_t tag = tagOf(h);
     const uint8_t* ctrl = this->ctrl();
-    for (size_t i = home(h);;) {
-      if (i + kGroup > capacity_) {
+    size_t i = home(h);
+    // Most hits are at the home position. Its member is compared first, on its own: the
+    // processor predicts the test and fetches the member while the control byte is still on its
+    // way, where a search of the group would wait for the control bytes to know what to fetch.
+    if (ctrl[i] == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
+    for (;;) {
+      if (i + ProbeGroup::kPositions > capacity_) {
         // A small table, or the last positions of a large one: byte by byte.
         const uint8_t c = ctrl[i];
         if (c == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
@@ -69,22 +75,16 @@ class HashTable {
         i = next(i);
         continue;
       }
-      // Eight positions at a time, so that whether the probe goes on is one predictable test
-      // rather than one per position. The first position settles most hits: its member is
-      // compared before the group's marks are worked out.
-      const uint64_t group = groupAt(ctrl, i);
-      if (static_cast<uint8_t>(group) == tag && KeyOf()(slots_[i]) == key) return &slots_[i];
-      // A member past an empty position is never the key (no probe runs through an empty
-      // position): only the matches before the group's first empty position are compared.
-      const uint64_t empties = emptyMarks(group);
-      uint64_t tags = bytesEqual(group, tag) & ~kFirstByteMark;
-      if (empties != 0) tags &= empties - 1;
-      for (; tags != 0; tags &= tags - 1) {
-        Slot& slot = slots_[i + markedByte(tags)];
+      // A group of positions at a time, so that whether the probe goes on is one predictable
+      // test rather than one per position. The home member may be compared again, when its tag
+      // matched another key: rare enough not to be worth a test.
+      const detail::ProbeMarks marks = ProbeGroup::probe(ctrl, i, tag);
+      for (uint64_t tags = marks.tags; tags != 0; tags &= tags - 1) {
+        Slot& slot = slots_[i + ProbeGroup::position(tags)];
         if (KeyOf()(slot) == key) return &slot;
       }
-      if (empties != 0) return nullptr;
-      i = nextGroup(i);
+      if (marks.empties != 0) return nullptr;
+      i = after<ProbeGroup>(i);
     }
   }
 
@@ -136,8 +136,8 @@ class HashTable {
   size_t nextOccupied(size_t from) const {
     const uint8_t* ctrl = this->ctrl();
     while (from + kGroup <= capacity_) {
-      const uint64_t members = ~groupAt(ctrl, from) & kHighBits;
-      if (members != 0) return from + markedByte(members);
+      const uint64_t members = Group::memberMarks(Group::at(ctrl, from));
+      if (members != 0) return from + Group::position(members);
       from += kGroup;
     }
     while (from < capacity_ && ctrl[from] >= kTombstone) ++from;
@@ -146,8 +146,8 @@ class HashTable {
   Slot& at(size_t position) const { return slots_[position]; }
 
  private:
-  static constexpr uint8_t kEmpty = 0xff;
-  static constexpr uint8_t kTombstone = 0xfe;
+  static constexpr uint8_t kEmpty = detail::kCtrlEmpty;
+  static constexpr uint8_t kTombstone = detail::kCtrlDeleted;
   static constexpr uint32_t kSeed = keySeed<Key>();
   // Small: most tables of the module hold one or a few members (a next hop's interfaces).
   static constexpr size_t kMinCapacity = 2;
@@ -156,31 +156,12 @@ class HashTable {
   static constexpr uint32_t kBelowTag = (uint32_t{1} << kTagShift) - 1;
   static uint8_t tagOf(uint32_t h) { return static_cast<uint8_t>(h >> kTagShift); }
 
-  // Control bytes are read in groups of eight, one 64-bit word whose lowest byte is the first
-  // position, whatever the machine's byte order. A member's byte is a 7-bit tag; empty and
-  // deleted positions have the top bit set. A byte's mark is its top bit.
-  static constexpr size_t kGroup = 8;
-  static constexpr uint64_t kLowBits = 0x7f7f7f7f7f7f7f7full;
-  static constexpr uint64_t kHighBits = ~kLowBits;
-  static constexpr uint64_t kFirstByteMark = 0x80;
-  static uint64_t groupAt(const uint8_t* ctrl, size_t i) {
-    uint64_t group;
-    std::memcpy(&group, ctrl + i, sizeof group);
-    if constexpr (std::endian::native == std::endian::big) group = __builtin_bswap64(group);
-    return group;
-  }
-  // Marks exactly the bytes of `group` equal to `byte` (no carry runs from one byte to the next).
-  static uint64_t bytesEqual(uint64_t group, uint8_t byte) {
-    const uint64_t x = group ^ (0x0101010101010101ull * byte);
-    return ~(((x & kLowBits) + kLowBits) | x | kLowBits);
-  }
-  // Marks the empty bytes of `group`: the only bytes with both the top bit and the lowest set.
-  static uint64_t emptyMarks(uint64_t group) { return group & (group << 7) & kHighBits; }
-  static_assert((kEmpty & 0x81) == 0x81 && (kTombstone & 0x81) == 0x80);
-  // The index in the group of the first byte marked in `marks` (not zero).
-  static size_t markedByte(uint64_t marks) {
-    return static_cast<size_t>(std::countr_zero(marks)) / 8;
-  }
+  // Look-ups read the control bytes in groups as wide as the machine compares at once; the
+  // searches for a free position or a member read them eight at a time in portable code.
+  using ProbeGroup = detail::ProbeGroup;
+  using Group = detail::WordGroup;
+  static constexpr size_t kGroup = Group::kPositions;
+
   // The first position at or after `i` that holds no member (empty or deleted).
   size_t firstFree(size_t i) const {
     const uint8_t* ctrl = this->ctrl();
@@ -190,9 +171,9 @@ class HashTable {
         i = next(i);
         continue;
       }
-      const uint64_t free = groupAt(ctrl, i) & kHighBits;
-      if (free != 0) return i + markedByte(free);
-      i = nextGroup(i);
+      const uint64_t free = Group::freeMarks(Group::at(ctrl, i));
+      if (free != 0) return i + Group::position(free);
+      i = after<Group>(i);
     }
   }
   // Capacities are powers of two, and above kDenseFrom also three halves of one, so that a large
@@ -208,7 +189,10 @@ class HashTable {
   }
   size_t next(size_t i) const { return i + 1 == capacity_ ? 0 : i + 1; }
   // The position after the group read at `i` (which ended inside the table).
-  size_t nextGroup(size_t i) const { return i + kGroup == capacity_ ? 0 : i + kGroup; }
+  template <class G>
+  size_t after(size_t i) const {
+    return i + G::kPositions == capacity_ ? 0 : i + G::kPositions;
+  }
   size_t previous(size_t i) const { return (i == 0 ? capacity_ : i) - 1; }
   // The capacity a rebuild gives a table of `members` members.
   static size_t capacityFor(size_t members) {
