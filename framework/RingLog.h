@@ -200,8 +200,20 @@ struct IpWire {
   size_t size() const { return 1 + addressBytes(); }
   std::byte* put(std::byte* p) const {
     p = putRaw(p, static_cast<uint8_t>(addr.af()));
-    std::memcpy(p, addr.bytes().data(), addressBytes());
-    return p + addressBytes();
+    // A copy of a constant size is a move or two; one of a variable size is a call.
+    switch (addressBytes()) {
+      case 4:
+        return putBytes<4>(p);
+      case 16:
+        return putBytes<16>(p);
+      default:
+        return p;
+    }
+  }
+  template <size_t N>
+  std::byte* putBytes(std::byte* p) const {
+    std::memcpy(p, addr.bytes().data(), N);
+    return p + N;
   }
 };
 
