@@ -399,44 +399,68 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   EXPECT_EQ(statusDir->statusCount(), 2u);
 }
 
-TEST_F(NexthopNhIndexResolverSmReadinessTest,
+// Two requests on Ethernet1, through vias whose neighbours have MACs aa and bb. A new module with
+// index 5 for aa and 6 for bb then starts the interface's machine; on the machine's second status,
+// `moveFirst` gets the via of the request it published first, whose group the machine has
+// already written.
+class NexthopNhIndexResolverSmModuleStartTest : public NexthopNhIndexResolverSmReadinessTest {
+ protected:
+  template <class MoveFirst>
+  std::vector<NexthopNhIndexResolverKey> startModuleMovingFirstVia(MoveFirst moveFirst) {
+    const std::map<std::string, std::string> viaOf{{"10.0.0.1", "10.0.0.254"},
+                                                   {"10.0.0.2", "10.0.0.253"}};
+    fecIs(100, {{"Ethernet1", "10.0.0.254"}});
+    fecIs(101, {{"Ethernet1", "10.0.0.253"}});
+    resolver.routeIs(ip("10.0.0.1"), 100);
+    resolver.routeIs(ip("10.0.0.2"), 101);
+    neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
+    neighbourIs("Ethernet1", "10.0.0.253", "00:00:00:00:00:bb");
+    vrfL3StatusIs("red", 1);
+    rootIs();
+    configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
+    configDir->configIs(key("red", "10.0.0.2", "Ethernet1"));
+    resolver.run();
+    std::vector<NexthopNhIndexResolverKey> published;
+    auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
+        statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
+    client->onChange = [&](const NexthopNhIndexResolverKey& k) {
+      published.push_back(k);
+      if (published.size() != 2) return;
+      moveFirst(viaOf.at(published.front().nexthop().toString()));
+    };
+
+    NextHopMod::Ptr module = NextHopMod::NextHopModIs(intf("Ethernet1"));
+    module->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
+    module->nhIndexToMacIs(6, mac("00:00:00:00:00:bb"));
+    l3Modules->nextHopModIs(module);
+    return published;
+  }
+
+  // The request published first lost its status and the second kept it.
+  void expectFirstLostSecondKept(const std::vector<NexthopNhIndexResolverKey>& published) {
+    ASSERT_GE(published.size(), 2u);
+    const NexthopNhIndexResolverKey& lost = published[0];
+    const NexthopNhIndexResolverKey& kept = published[1];
+    ASSERT_NE(lost, kept);
+    EXPECT_FALSE(statusDir->statusHas(lost));
+    EXPECT_TRUE(statusDir->statusHas(kept));
+    EXPECT_EQ(statusDir->statusCount(), 1u);
+  }
+};
+
+TEST_F(NexthopNhIndexResolverSmModuleStartTest,
        NexthopLeavingItsGroupWhileANewModuleStartsLosesItsStatus) {
-  const std::map<std::string, std::string> viaOf{{"10.0.0.1", "10.0.0.254"},
-                                                 {"10.0.0.2", "10.0.0.253"}};
-  fecIs(100, {{"Ethernet1", "10.0.0.254"}});
-  fecIs(101, {{"Ethernet1", "10.0.0.253"}});
-  resolver.routeIs(ip("10.0.0.1"), 100);
-  resolver.routeIs(ip("10.0.0.2"), 101);
-  neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
-  neighbourIs("Ethernet1", "10.0.0.253", "00:00:00:00:00:bb");
-  vrfL3StatusIs("red", 1);
-  rootIs();
-  configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
-  configDir->configIs(key("red", "10.0.0.2", "Ethernet1"));
-  resolver.run();
-  // On the machine's second status, the via of the request it published first loses its
-  // neighbour entry: that request leaves its group, which the machine has already written.
-  std::vector<NexthopNhIndexResolverKey> published;
-  auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
-      statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
-  client->onChange = [&](const NexthopNhIndexResolverKey& k) {
-    published.push_back(k);
-    if (published.size() != 2) return;
-    neighbourDel("Ethernet1", viaOf.at(published.front().nexthop().toString()));
-  };
+  // The via loses its neighbour entry: the request leaves its group for none.
+  expectFirstLostSecondKept(startModuleMovingFirstVia(
+      [this](const std::string& via) { neighbourDel("Ethernet1", via); }));
+}
 
-  NextHopMod::Ptr module = NextHopMod::NextHopModIs(intf("Ethernet1"));
-  module->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
-  module->nhIndexToMacIs(6, mac("00:00:00:00:00:bb"));
-  l3Modules->nextHopModIs(module);
-
-  ASSERT_GE(published.size(), 2u);
-  const NexthopNhIndexResolverKey& lost = published[0];
-  const NexthopNhIndexResolverKey& kept = published[1];
-  ASSERT_NE(lost, kept);
-  EXPECT_FALSE(statusDir->statusHas(lost));
-  EXPECT_TRUE(statusDir->statusHas(kept));
-  EXPECT_EQ(statusDir->statusCount(), 1u);
+TEST_F(NexthopNhIndexResolverSmModuleStartTest,
+       NexthopMovingToAGroupWithoutIndexWhileANewModuleStartsLosesItsStatus) {
+  // The via's neighbour moves to a MAC the module has no index for: the request joins a group
+  // that holds it without an index.
+  expectFirstLostSecondKept(startModuleMovingFirstVia(
+      [this](const std::string& via) { neighbourIs("Ethernet1", via, "00:00:00:00:00:cc"); }));
 }
 
 TEST_F(NexthopNhIndexResolverSmNestedArpTest,
