@@ -400,13 +400,14 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
 }
 
 // Two requests on Ethernet1, through vias whose neighbours have MACs aa and bb. A new module with
-// index 5 for aa and 6 for bb then starts the interface's machine; on the machine's second status,
-// `moveFirst` gets the via of the request it published first, whose group the machine has
-// already written.
+// index 5 for aa and 6 for bb then starts the interface's machine; on the machine's status number
+// `onStatus`, `disturb` gets the via of the request it published first, whose group the machine
+// has already written.
 class NexthopNhIndexResolverSmModuleStartTest : public NexthopNhIndexResolverSmReadinessTest {
  protected:
-  template <class MoveFirst>
-  std::vector<NexthopNhIndexResolverKey> startModuleMovingFirstVia(MoveFirst moveFirst) {
+  template <class Disturb>
+  std::vector<NexthopNhIndexResolverKey> startModuleDisturbedOnStatus(size_t onStatus,
+                                                                      Disturb disturb) {
     const std::map<std::string, std::string> viaOf{{"10.0.0.1", "10.0.0.254"},
                                                    {"10.0.0.2", "10.0.0.253"}};
     fecIs(100, {{"Ethernet1", "10.0.0.254"}});
@@ -425,16 +426,17 @@ class NexthopNhIndexResolverSmModuleStartTest : public NexthopNhIndexResolverSmR
         statusDir.get(), NexthopNhIndexResolverStatusDir::statusAttr);
     client->onChange = [&](const NexthopNhIndexResolverKey& k) {
       published.push_back(k);
-      if (published.size() != 2) return;
-      moveFirst(viaOf.at(published.front().nexthop().toString()));
+      if (published.size() != onStatus) return;
+      disturb(viaOf.at(published.front().nexthop().toString()));
     };
 
-    NextHopMod::Ptr module = NextHopMod::NextHopModIs(intf("Ethernet1"));
-    module->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
-    module->nhIndexToMacIs(6, mac("00:00:00:00:00:bb"));
-    l3Modules->nextHopModIs(module);
+    module_ = NextHopMod::NextHopModIs(intf("Ethernet1"));
+    module_->nhIndexToMacIs(5, mac("00:00:00:00:00:aa"));
+    module_->nhIndexToMacIs(6, mac("00:00:00:00:00:bb"));
+    l3Modules->nextHopModIs(module_);
     return published;
   }
+  NextHopMod::Ptr module_;
 
   // The request published first lost its status and the second kept it.
   void expectFirstLostSecondKept(const std::vector<NexthopNhIndexResolverKey>& published) {
@@ -451,16 +453,30 @@ class NexthopNhIndexResolverSmModuleStartTest : public NexthopNhIndexResolverSmR
 TEST_F(NexthopNhIndexResolverSmModuleStartTest,
        NexthopLeavingItsGroupWhileANewModuleStartsLosesItsStatus) {
   // The via loses its neighbour entry: the request leaves its group for none.
-  expectFirstLostSecondKept(startModuleMovingFirstVia(
-      [this](const std::string& via) { neighbourDel("Ethernet1", via); }));
+  expectFirstLostSecondKept(startModuleDisturbedOnStatus(
+      2, [this](const std::string& via) { neighbourDel("Ethernet1", via); }));
 }
 
 TEST_F(NexthopNhIndexResolverSmModuleStartTest,
        NexthopMovingToAGroupWithoutIndexWhileANewModuleStartsLosesItsStatus) {
   // The via's neighbour moves to a MAC the module has no index for: the request joins a group
   // that holds it without an index.
-  expectFirstLostSecondKept(startModuleMovingFirstVia(
-      [this](const std::string& via) { neighbourIs("Ethernet1", via, "00:00:00:00:00:cc"); }));
+  expectFirstLostSecondKept(startModuleDisturbedOnStatus(
+      2, [this](const std::string& via) { neighbourIs("Ethernet1", via, "00:00:00:00:00:cc"); }));
+}
+
+TEST_F(NexthopNhIndexResolverSmModuleStartTest,
+       IndexRemappedBeforeTheStartsTableWalkReachesItGivesItsOldMacNothing) {
+  // On the first status, the other via's index moves to a MAC no group has, before the start's
+  // walk of the table (from a copy) reaches that index.
+  const std::vector<NexthopNhIndexResolverKey> published =
+      startModuleDisturbedOnStatus(1, [this](const std::string& via) {
+        module_->nhIndexToMacIs(via == "10.0.0.254" ? 6 : 5, mac("00:00:00:00:00:cc"));
+      });
+  ASSERT_EQ(published.size(), 1u);
+  const NexthopNhIndexResolverKey& first = published[0];
+  EXPECT_EQ(statusDir->status(first).nhIndex(), first.nexthop() == ip("10.0.0.1") ? 5u : 6u);
+  EXPECT_EQ(statusDir->statusCount(), 1u);
 }
 
 TEST_F(NexthopNhIndexResolverSmNestedArpTest,
