@@ -7,6 +7,7 @@
 
 #include "framework/Assert.h"
 #include "framework/CollectionOps.h"
+#include "framework/CoreTable.h"
 #include "framework/DualLog.h"
 
 namespace FwdL3Unicast {
@@ -26,6 +27,16 @@ const Netval::EthAddr& zeroMac() {
 }
 
 using MacEntry = Core::MapEntry<uint32_t, Netval::EthAddr>;
+
+// A nexthop and whether the first group (in the request's order) that holds it has an index.
+struct HeldNexthop {
+  Netval::IpGenAddr nexthop;
+  bool found;
+};
+struct NexthopOfHeld {
+  const Netval::IpGenAddr& operator()(const HeldNexthop& held) const { return held.nexthop; }
+};
+using HeldNexthops = Core::HashTable<Netval::IpGenAddr, HeldNexthop, NexthopOfHeld>;
 
 }  // namespace
 
@@ -146,9 +157,20 @@ void IntfViaNexthopMacToNhIndexSm::withdrawUnheld() {
   do {
     stale.clear();
     if (retired_ || !status_) return;
+    // What heldByFoundGroup answers, for every nexthop in one walk of the groups: asked per
+    // status, it would walk them once per status, and a start would take groups x statuses.
+    HeldNexthops held;
+    for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
+      for (const Netval::IpGenAddr& nexthop : group->requesterColl()) {
+        if (!held.find(nexthop)) held.emplaceNew(HeldNexthop{nexthop, group->nhIndexFound()});
+      }
+    }
+    // Nothing runs while the statuses are read, so the groups stay as `held` saw them.
     for (const ViaNexthopMacToNhIndexMapEntry& entry : status_->map()) {
       const NexthopIntfId& key = entry.nexthopIntfId();
-      if (key.intfId() == intfId_ && !heldByFoundGroup(key.nexthop())) stale.push_back(key);
+      if (key.intfId() != intfId_) continue;
+      const HeldNexthop* holder = held.find(key.nexthop());
+      if (!holder || !holder->found) stale.push_back(key);
     }
     for (const NexthopIntfId& key : stale) {
       if (heldByFoundGroup(key.nexthop()) || !status_) continue;
@@ -220,10 +242,13 @@ void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac() {
     entries.emplace_back(entry.key, entry.value);
   }
   for (const auto& [nhIndex, mac] : entries) {
-    if (nextHopMod_->nhIndexToMacHas(nhIndex) && nextHopMod_->nhIndexToMac(nhIndex) == mac) {
-      handleMacAdd(mac, nhIndex);
-    }
+    if (tableHolds(nhIndex, mac)) handleMacAdd(mac, nhIndex);
   }
+}
+
+bool IntfViaNexthopMacToNhIndexSm::tableHolds(uint32_t nhIndex, Netval::EthAddr mac) const {
+  const MacEntry* entry = nextHopMod_->nhIndexToMac().find(nhIndex);
+  return entry && entry->value == mac;
 }
 
 void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac(uint32_t nhIndex) {
@@ -240,9 +265,7 @@ void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac(uint32_t nhIndex) {
     // A handler that ran earlier in this publication may have changed the entry again; the
     // change that did so reaches this machine afterwards. Only what the table still holds is
     // matched, so a stale addition never writes an index the table has lost.
-    if (nextHopMod_->nhIndexToMacHas(nhIndex) && nextHopMod_->nhIndexToMac(nhIndex) == newMac) {
-      handleMacAdd(newMac, nhIndex);
-    }
+    if (tableHolds(nhIndex, newMac)) handleMacAdd(newMac, nhIndex);
   }
 }
 
@@ -284,7 +307,8 @@ void IntfViaNexthopMacToNhIndexSm::addStatusHelper(
   requester->nhIndexIs(nhIndex);
   // The nexthops written before a handler of a write changed the group.
   std::vector<Netval::IpGenAddr> written;
-  for (RequesterColl::StatusPass pass(*requester); pass.next();) {
+  RequesterColl::StatusPass pass(*requester);
+  while (pass.next()) {
     // A pass started again because a handler of a write moved the group writes what it holds now.
     if (pass.again()) {
       writeAgain(*requester, pass.nexthop());
@@ -296,7 +320,9 @@ void IntfViaNexthopMacToNhIndexSm::addStatusHelper(
     if (status_)
       status_->mapIs(ViaNexthopMacToNhIndexMapEntry(NexthopIntfId(nexthop, intfId_), nhIndex));
   }
-  rewriteMoved(*requester, written);
+  // A pass that never started again saw no change of the group: every nexthop it wrote is still
+  // in it, and none has moved.
+  if (pass.again()) rewriteMoved(*requester, written);
 }
 
 void IntfViaNexthopMacToNhIndexSm::rewriteMoved(const RequesterColl& requester,

@@ -141,6 +141,8 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   void withdrawUnheld();
   // Whether a group of the request holds `nexthop` and has an index.
   bool heldByFoundGroup(const Netval::IpGenAddr& nexthop) const;
+  // Whether the module's table maps `nhIndex` to `mac` now.
+  bool tableHolds(uint32_t nhIndex, Netval::EthAddr mac) const;
 
   // Writes the nexthop's status from the group as it is now (its index while found, none
   // otherwise): what a pass of addStatusHelper or delStatus writes once a handler of one of its
