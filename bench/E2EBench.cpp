@@ -33,6 +33,7 @@
 
 #include "Fwd/FwdNexthopNhIndexResolverCommon.h"
 #include "Fwd/FwdNexthopNhIndexResolverSm.h"
+#include "bench/BenchMeasured.h"
 #include "framework/Core.h"
 #include "framework/CoreMemory.h"
 #include "framework/CoreReactor.h"
@@ -472,19 +473,6 @@ class RingScope {
   std::string path_;
 };
 
-// The work a benchmark times, out of line under one name: an instruction count of the timed work
-// alone (tools/instr-bench.sh, callgrind --toggle-collect='*measured*') leaves out the set-up,
-// the cold add (which runs with memory accounting on) and the untimed parts of each iteration.
-template <class Work>
-[[gnu::noinline]] void measured(Work&& work) {
-  work();
-}
-
-// The requests each measured call covers, for tools/instr-bench.sh.
-void measuredRequestsIs(benchmark::State& state, double requests) {
-  state.counters["measured_requests"] = benchmark::Counter(requests);
-}
-
 benchmark::Counter perRequest(double requestsPerIteration) {
   return benchmark::Counter(requestsPerIteration, benchmark::Counter::kIsRate |
                                                       benchmark::Counter::kInvert |
@@ -509,7 +497,7 @@ void addRequests(benchmark::State& state, bool ring, uint32_t vrfs = kVrfs) {
     const size_t liveBefore = allocStats.live;
     const size_t countBefore = allocStats.count;
     allocStats.peak = allocStats.live;
-    measured([&] { world.addAll(); });
+    Bench::timedWork(requests, [&] { world.addAll(); });
     state.PauseTiming();
     warmBytes = std::max(warmBytes, double(allocStats.peak - liveBefore) / requests);
     allocations = std::max(allocations, double(allocStats.count - countBefore) / requests);
@@ -518,7 +506,7 @@ void addRequests(benchmark::State& state, bool ring, uint32_t vrfs = kVrfs) {
     state.ResumeTiming();
   }
   state.counters["time_per_request"] = perRequest(requests);
-  measuredRequestsIs(state, requests);
+  Bench::unitsTimedReport(state);
   // Peak memory from a fresh start (every table grows), then with the tables a previous run left.
   state.counters["bytes_per_request"] = world.coldBytesPerRequest();
   state.counters["warm_bytes_per_request"] = warmBytes;
@@ -547,7 +535,7 @@ void baseline(benchmark::State& state, bool) {
     const size_t liveBefore = allocStats.live;
     allocStats.peak = allocStats.live;
     BaselineStatuses statuses;
-    measured([&] { benchmark::DoNotOptimize(world.baseline(statuses)); });
+    Bench::timedWork(world.requests(), [&] { benchmark::DoNotOptimize(world.baseline(statuses)); });
     bytes = double(allocStats.peak - liveBefore) / world.requests();
     // As for the module, tearing the statuses down is not part of computing them.
     state.PauseTiming();
@@ -555,7 +543,7 @@ void baseline(benchmark::State& state, bool) {
     state.ResumeTiming();
   }
   state.counters["time_per_request"] = perRequest(world.requests());
-  measuredRequestsIs(state, world.requests());
+  Bench::unitsTimedReport(state);
   state.counters["bytes_per_request"] = bytes;
 }
 
@@ -590,7 +578,7 @@ void deleteRequests(benchmark::State& state, bool ring, bool inAddOrder = true,
     world.addAll();
     requireAllPublished(state, world);
     state.ResumeTiming();
-    measured([&] {
+    Bench::timedWork(world.requests(), [&] {
       if (inAddOrder) {
         world.deleteInAddOrder();
       } else {
@@ -600,7 +588,7 @@ void deleteRequests(benchmark::State& state, bool ring, bool inAddOrder = true,
   }
   if (world.statusCount() != 0) state.SkipWithError("statuses left after deleting every request");
   state.counters["time_per_request"] = perRequest(world.requests());
-  measuredRequestsIs(state, world.requests());
+  Bench::unitsTimedReport(state);
 }
 
 // Prints the cold add's memory by entity and table type: per request and per VRF, with the

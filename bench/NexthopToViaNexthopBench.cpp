@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Fwd/FwdNexthopToViaNexthopSm.h"
+#include "bench/BenchMeasured.h"
 #include "framework/CoreReactor.h"
 #include "framework/Hub.h"
 #include "platform/Memtab.h"
@@ -63,7 +64,8 @@ void BM_Stage1Review600Vias(benchmark::State& state) {
   for (uint32_t i = 0; i < interfaces; ++i) s.config->configIs({nexthop, ethernet(i * step + 1)});
   if (s.status->mapCount() != interfaces) state.SkipWithError("not every interface has a via");
 
-  for (auto _ : state) s.sm->handleNexthopStatus(nexthop);
+  Bench::timedLoop(state, [&] { s.sm->handleNexthopStatus(nexthop); });
+  Bench::unitsTimedReport(state);
 
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(Fec::maxVia));
   state.counters["vias"] = static_cast<double>(Fec::maxVia);
@@ -76,10 +78,11 @@ void BM_Stage1FecCopyOnly(benchmark::State& state) {
   Memtab::FibGen::ForwardingStatus::Ptr fecTable =
       Memtab::FibGen::ForwardingStatus::ForwardingStatusIs();
   fecTable->fecIs(fullFec(7));
-  for (auto _ : state) {
+  Bench::timedLoop(state, [&] {
     Fec copy = fecTable->fec(7);
     benchmark::DoNotOptimize(copy);
-  }
+  });
+  Bench::unitsTimedReport(state);
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(Fec::maxVia));
 }
 BENCHMARK(BM_Stage1FecCopyOnly);
@@ -129,7 +132,8 @@ void BM_Stage1FecChangeReachesOnlyUsers(benchmark::State& state) {
 
   const Fec changes[2] = {Fec(1, viasB), Fec(1, viasA)};
   uint64_t changeCount = 0;
-  for (auto _ : state) s.fecTable->fecIs(changes[changeCount++ % 2]);
+  Bench::timedLoop(state, [&] { s.fecTable->fecIs(changes[changeCount++ % 2]); });
+  Bench::unitsTimedReport(state);
 
   const double reviewsPerChange =
       changeCount ? static_cast<double>(counter->queued) / static_cast<double>(changeCount) : 0;

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Fwd/FwdViaNexthopToViaNexthopMacSm.h"
+#include "bench/BenchMeasured.h"
 #include "platform/Plane.h"
 
 namespace {
@@ -51,7 +52,8 @@ struct Bed {
 void BM_Stage2NeighbourChangeShared(benchmark::State& state) {
   Bed bed(state.range(0));
   uint64_t round = 1;
-  for (auto _ : state) bed.macChange(kVia, round++);
+  Bench::timedLoop(state, [&] { bed.macChange(kVia, round++); });
+  Bench::unitsTimedReport(state);
   if (bed.macMap->mapCount() != static_cast<size_t>(state.range(0))) {
     state.SkipWithError("not every sharer has its entry");
   }
@@ -66,7 +68,8 @@ void BM_Stage2NeighbourChangeNotAVia(benchmark::State& state) {
   // A busy VRF: the changed neighbour is none of its vias, so its size must not matter.
   Bed bed(1024);
   uint64_t round = 0;
-  for (auto _ : state) bed.macChange(kStranger, round++);
+  Bench::timedLoop(state, [&] { bed.macChange(kStranger, round++); });
+  Bench::unitsTimedReport(state);
   if (bed.macMap->mapCount() != 1024) state.SkipWithError("output changed");
 }
 BENCHMARK(BM_Stage2NeighbourChangeNotAVia);
