@@ -241,8 +241,12 @@ void IntfViaNexthopMacToNhIndexSm::handleNhIndexToMac() {
   for (const MacEntry& entry : nextHopMod_->nhIndexToMac()) {
     entries.emplace_back(entry.key, entry.value);
   }
+  const uint64_t changes = nextHopMod_->nhIndexToMacChanges();
   for (const auto& [nhIndex, mac] : entries) {
-    if (tableHolds(nhIndex, mac)) handleMacAdd(mac, nhIndex);
+    // While no handler has changed the table, the copy is what it holds.
+    if (nextHopMod_->nhIndexToMacChanges() == changes || tableHolds(nhIndex, mac)) {
+      handleMacAdd(mac, nhIndex);
+    }
   }
 }
 

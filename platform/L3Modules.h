@@ -30,10 +30,20 @@ class NextHopMod : public Core::Node {
 
   // Insert or replace; true when the table changed (and the change was published).
   bool nhIndexToMacIs(uint32_t nhIndex, Netval::EthAddr ethAddr) {
+    ++nhIndexToMacChanges_;
     return nhIndexToMac_.set({nhIndex, ethAddr});
   }
-  bool nhIndexToMacDel(uint32_t nhIndex) { return nhIndexToMac_.del(nhIndex); }
-  void nhIndexToMacDelAll() { nhIndexToMac_.delAll(); }
+  bool nhIndexToMacDel(uint32_t nhIndex) {
+    ++nhIndexToMacChanges_;
+    return nhIndexToMac_.del(nhIndex);
+  }
+  void nhIndexToMacDelAll() {
+    ++nhIndexToMacChanges_;
+    nhIndexToMac_.delAll();
+  }
+  // Moves on before every write of the table, changed or not: a reader that finds it where it
+  // was knows that the table has not changed meanwhile.
+  uint64_t nhIndexToMacChanges() const { return nhIndexToMacChanges_; }
   // The MAC of `nhIndex`, the zero MAC when the index is not programmed.
   Netval::EthAddr nhIndexToMac(uint32_t nhIndex) const { return nhIndexToMac_.get(nhIndex).value; }
   bool nhIndexToMacHas(uint32_t nhIndex) const { return nhIndexToMac_.has(nhIndex); }
@@ -50,6 +60,7 @@ class NextHopMod : public Core::Node {
 
   Netval::IntfId intfId_;
   NhIndexToMacMap nhIndexToMac_{this, nhIndexToMacAttr};
+  uint64_t nhIndexToMacChanges_ = 0;
 };
 
 // The engine's next-hop modules, one per interface that has one. Written by the engine; stage 3

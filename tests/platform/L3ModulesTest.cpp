@@ -79,6 +79,25 @@ TEST_F(NextHopModTest, DelAllPublishesEveryIndex) {
   EXPECT_EQ(mod->nhIndexToMacCount(), 0u);
 }
 
+TEST_F(NextHopModTest, ChangeCountMovesOnWithEveryWriteBeforeItsHandlersRun) {
+  std::vector<uint64_t> seen;
+  auto recorder = TestSupport::recordChanges<uint32_t>(mod.get(), NextHopMod::nhIndexToMacAttr);
+  recorder->onChange = [&](uint32_t) { seen.push_back(mod->nhIndexToMacChanges()); };
+  const uint64_t start = mod->nhIndexToMacChanges();
+
+  mod->nhIndexToMacIs(5, kMacA);
+  mod->nhIndexToMacIs(5, kMacA);  // unchanged
+  mod->nhIndexToMacDel(6);        // absent
+  mod->nhIndexToMacIs(5, kMacB);
+  mod->nhIndexToMacDel(5);
+  mod->nhIndexToMacIs(7, kMacA);
+  mod->nhIndexToMacDelAll();
+
+  EXPECT_EQ(mod->nhIndexToMacChanges(), start + 7);
+  // Each handler already sees its own write counted.
+  EXPECT_THAT(seen, ElementsAre(start + 1, start + 4, start + 5, start + 6, start + 7));
+}
+
 TEST_F(NextHopModTest, AbsentIndexReadsAsTheZeroMac) {
   mod->nhIndexToMacIs(5, kMacA);
 
