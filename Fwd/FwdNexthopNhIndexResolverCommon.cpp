@@ -125,6 +125,7 @@ ViaNexthopRequest::Ptr AllViaNexthopRequests::viaNexthopRequestIs(const NexthopI
 }
 
 void RequesterColl::nhIndexFoundIs(bool nhIndexFound) {
+  if (!nhIndexFound) lossIs();
   attributeIs(*this, nhIndexFoundAttr, nhIndexFound_, nhIndexFound);
 }
 
@@ -147,6 +148,8 @@ bool IntfViaNexthopMacToNhIndexRequest::requesterCollIs(const RequesterColl::Ptr
     throw Core::NullArgumentError(
         "IntfViaNexthopMacToNhIndexRequest::requesterCollIs: null RequesterColl");
   }
+  // A group filed under a MAC that has one replaces it, with whatever the old one held.
+  if (requesterColl_.has(group->macAddr())) RequesterSet::lossIs();
   return requesterColl_.set(group);
 }
 

@@ -390,9 +390,13 @@ class RequesterSet : public Core::Node {
   }
   bool requesterCollDel(const Netval::IpGenAddr& nexthop) {
     statusGenerationIs(statusGeneration_ + 1);
+    lossIs();
     return requesterColl_.del(nexthop);
   }
-  void requesterCollDelAll() { requesterColl_.delAll(); }
+  void requesterCollDelAll() {
+    lossIs();
+    requesterColl_.delAll();
+  }
   bool requesterCollHas(const Netval::IpGenAddr& nexthop) const {
     return requesterColl_.has(nexthop);
   }
@@ -401,6 +405,13 @@ class RequesterSet : public Core::Node {
 
   uint64_t statusGeneration() const { return statusGeneration_; }
   void statusGenerationIs(uint64_t statusGeneration) { statusGeneration_ = statusGeneration; }
+
+  // Moves on, in this thread, before a requester leaves any set, a stage 3 group loses its
+  // index, or a group leaves its interface's request or is replaced there: every change after
+  // which a status written from a group may have no group with an index that holds its nexthop.
+  // A reader that finds it where it was knows that none of these happened meanwhile.
+  static uint64_t losses() { return lossCount(); }
+  static void lossIs() { ++lossCount(); }
 
   // A walk over the requesters that writes one status each, written as
   //   for (RequesterSet::StatusPass pass(*set); pass.next();) write(pass.nexthop());
@@ -452,6 +463,11 @@ class RequesterSet : public Core::Node {
   RequesterSet() = default;
 
  private:
+  static uint64_t& lossCount() {
+    static thread_local uint64_t count = 0;
+    return count;
+  }
+
   Core::KeySet<Netval::IpGenAddr> requesterColl_{this, requesterCollAttr};
   uint64_t statusGeneration_ = 0;
 };
@@ -700,8 +716,14 @@ class IntfViaNexthopMacToNhIndexRequest : public Core::Node {
   // Inserts the group under its own MAC (replacing another object there); null throws
   // Core::NullArgumentError.
   bool requesterCollIs(const RequesterColl::Ptr& group);
-  bool requesterCollDel(Netval::EthAddr macAddr) { return requesterColl_.del(macAddr); }
-  void requesterCollDelAll() { requesterColl_.delAll(); }
+  bool requesterCollDel(Netval::EthAddr macAddr) {
+    RequesterSet::lossIs();
+    return requesterColl_.del(macAddr);
+  }
+  void requesterCollDelAll() {
+    RequesterSet::lossIs();
+    requesterColl_.delAll();
+  }
   // The group of `macAddr`, or null.
   RequesterColl::Ptr requesterColl(Netval::EthAddr macAddr) const {
     return requesterColl_.get(macAddr);

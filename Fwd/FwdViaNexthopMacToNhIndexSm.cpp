@@ -123,6 +123,7 @@ IntfViaNexthopMacToNhIndexSm::IntfViaNexthopMacToNhIndexSm(
       status_(status) {}
 
 void IntfViaNexthopMacToNhIndexSm::start() {
+  const uint64_t losses = RequesterSet::losses();
   if (intfViaNexthopMacToNhIndexRequest_) {
     for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
       if (group->nhIndexFound()) foundBeforeScan_.push_back(group.get());
@@ -140,7 +141,9 @@ void IntfViaNexthopMacToNhIndexSm::start() {
   }
   scanDecided_ = false;
   foundBeforeScan_ = {};
-  withdrawUnheld();
+  // Every status the start wrote came from a group with an index that held its nexthop; only a
+  // loss since can have left one unheld.
+  if (RequesterSet::losses() != losses) withdrawUnheld();
 }
 
 bool IntfViaNexthopMacToNhIndexSm::heldByFoundGroup(const Netval::IpGenAddr& nexthop) const {
@@ -309,40 +312,19 @@ void IntfViaNexthopMacToNhIndexSm::addStatusHelper(
                 " under intfId : ", intfId_);
   requester->nhIndexFoundIs(true);
   requester->nhIndexIs(nhIndex);
-  // The nexthops written before a handler of a write changed the group.
-  std::vector<Netval::IpGenAddr> written;
-  RequesterColl::StatusPass pass(*requester);
-  while (pass.next()) {
+  // A nexthop that a handler of a write moves out of the group needs nothing more from this
+  // pass: the group's watcher withdraws its status and the group it joins writes it (while the
+  // machine starts, the watchers it starts later and its withdrawal of unheld statuses do).
+  for (RequesterColl::StatusPass pass(*requester); pass.next();) {
     // A pass started again because a handler of a write moved the group writes what it holds now.
     if (pass.again()) {
       writeAgain(*requester, pass.nexthop());
       continue;
     }
     const Netval::IpGenAddr& nexthop = pass.nexthop();
-    written.push_back(nexthop);
     DUALLOG_TRACE(8, "nhIndex for nexthop: ", nexthop, " intfId: ", intfId_, " is ", nhIndex);
     if (status_)
       status_->mapIs(ViaNexthopMacToNhIndexMapEntry(NexthopIntfId(nexthop, intfId_), nhIndex));
-  }
-  // A pass that never started again saw no change of the group: every nexthop it wrote is still
-  // in it, and none has moved.
-  if (pass.again()) rewriteMoved(*requester, written);
-}
-
-void IntfViaNexthopMacToNhIndexSm::rewriteMoved(const RequesterColl& requester,
-                                                const std::vector<Netval::IpGenAddr>& written) {
-  for (const Netval::IpGenAddr& nexthop : written) {
-    if (requester.requesterCollHas(nexthop)) continue;
-    RequesterColl::Ptr now;
-    for (const RequesterColl::Ptr& group : intfViaNexthopMacToNhIndexRequest_->requesterColl()) {
-      if (group->requesterCollHas(nexthop)) now = group;
-    }
-    if (now) {
-      writeAgain(*now, nexthop);
-    } else {
-      DUALLOG_TRACE(8, "Deleting status for nexthop: ", nexthop, " intfId: ", intfId_);
-      if (status_) status_->mapDel(NexthopIntfId(nexthop, intfId_));
-    }
   }
 }
 

@@ -148,11 +148,6 @@ class IntfViaNexthopMacToNhIndexSm : public Core::Reactor {
   // otherwise): what a pass of addStatusHelper or delStatus writes once a handler of one of its
   // writes has changed the group.
   void writeAgain(const RequesterColl& requester, const Netval::IpGenAddr& nexthop);
-  // Writes again, from the group that lists it now, the status of each of `written` that
-  // `requester` no longer lists, and withdraws it when no group does: a nexthop that a handler
-  // of a write moved while no watcher of its groups was there yet (the machine is still
-  // starting) has nobody else to correct what this pass wrote for it.
-  void rewriteMoved(const RequesterColl& requester, const std::vector<Netval::IpGenAddr>& written);
   // Routes a group's arrival or departure in the request to requesterCollIs/requesterCollDel.
   void handleRequesterColl(const Netval::EthAddr& macAddr);
   // getNextHopMacNhIndex for the group's MAC; while the constructor starts the watchers it takes

@@ -278,6 +278,38 @@ TEST(RequesterColl, SettersPublishOnlyChanges) {
   EXPECT_EQ(founds->keys, std::vector<bool>{true});
 }
 
+// Whether `change` moved RequesterSet::losses() on.
+template <class Change>
+bool countsALoss(Change change) {
+  const uint64_t before = RequesterSet::losses();
+  change();
+  return RequesterSet::losses() != before;
+}
+
+TEST(RequesterColl, LosingANexthopOrTheIndexCountsALoss) {
+  auto group = RequesterColl::RequesterCollIs(mac("00:1c:73:aa:bb:cc"));
+  EXPECT_FALSE(countsALoss([&] { group->requesterCollIs(ip("10.0.0.1")); }));
+  EXPECT_FALSE(countsALoss([&] { group->requesterCollIs(ip("10.0.0.2")); }));
+  EXPECT_FALSE(countsALoss([&] { group->nhIndexFoundIs(true); }));
+  EXPECT_FALSE(countsALoss([&] { group->nhIndexIs(7); }));
+  EXPECT_TRUE(countsALoss([&] { group->requesterCollDel(ip("10.0.0.1")); }));
+  EXPECT_TRUE(countsALoss([&] { group->nhIndexFoundIs(false); }));
+  EXPECT_TRUE(countsALoss([&] { group->requesterCollDelAll(); }));
+  EXPECT_EQ(group->requesterCollCount(), 0u);
+}
+
+TEST(IntfViaNexthopMacToNhIndexRequest, GroupLeavingOrReplacedCountsALoss) {
+  auto request = intfRequest("Ethernet1");
+  const Netval::EthAddr m = mac("00:1c:73:aa:bb:cc");
+  EXPECT_FALSE(countsALoss([&] { request->requesterCollIs(RequesterColl::RequesterCollIs(m)); }));
+  EXPECT_FALSE(
+      countsALoss([&] { request->addRequester(mac("00:00:00:00:00:01"), ip("10.0.0.1")); }));
+  EXPECT_TRUE(countsALoss([&] { request->requesterCollIs(RequesterColl::RequesterCollIs(m)); }));
+  EXPECT_TRUE(countsALoss([&] { request->requesterCollDel(m); }));
+  EXPECT_TRUE(countsALoss([&] { request->requesterCollDelAll(); }));
+  EXPECT_EQ(request->requesterCollCount(), 0u);
+}
+
 TEST(RequesterColl, FreshGroupDumpsNotFoundAndAllOnesIndex) {
   auto group = RequesterColl::RequesterCollIs(mac("00:1c:73:aa:bb:cc"));
   group->requesterCollIs(ip("10.0.0.1"));

@@ -399,27 +399,31 @@ TEST_F(NexthopNhIndexResolverSmReadinessTest,
   EXPECT_EQ(statusDir->statusCount(), 2u);
 }
 
-// Two requests on Ethernet1, through vias whose neighbours have MACs aa and bb. A new module with
-// index 5 for aa and 6 for bb then starts the interface's machine; on the machine's status number
-// `onStatus`, `disturb` gets the via of the request it published first, whose group the machine
-// has already written.
+// Two requests on Ethernet1 (10.0.0.1 and 10.0.0.2), through vias whose neighbours have MACs aa
+// and bb, and with `thirdSharesAa` a third (10.0.0.3) through a via of its own whose neighbour
+// has MAC aa too. A new module with index 5 for aa and 6 for bb then starts the interface's
+// machine; on the machine's status number `onStatus`, `disturb` gets the via of the request it
+// published first, whose group the machine has already written.
 class NexthopNhIndexResolverSmModuleStartTest : public NexthopNhIndexResolverSmReadinessTest {
  protected:
   template <class Disturb>
   std::vector<NexthopNhIndexResolverKey> startModuleDisturbedOnStatus(size_t onStatus,
-                                                                      Disturb disturb) {
-    const std::map<std::string, std::string> viaOf{{"10.0.0.1", "10.0.0.254"},
-                                                   {"10.0.0.2", "10.0.0.253"}};
-    fecIs(100, {{"Ethernet1", "10.0.0.254"}});
-    fecIs(101, {{"Ethernet1", "10.0.0.253"}});
-    resolver.routeIs(ip("10.0.0.1"), 100);
-    resolver.routeIs(ip("10.0.0.2"), 101);
+                                                                      Disturb disturb,
+                                                                      bool thirdSharesAa = false) {
+    std::map<std::string, std::string> viaOf{{"10.0.0.1", "10.0.0.254"},
+                                             {"10.0.0.2", "10.0.0.253"}};
+    if (thirdSharesAa) viaOf.emplace("10.0.0.3", "10.0.0.252");
+    uint32_t fecId = 100;
+    for (const auto& [nexthop, via] : viaOf) {
+      fecIs(fecId, {{"Ethernet1", via}});
+      resolver.routeIs(ip(nexthop), fecId++);
+    }
     neighbourIs("Ethernet1", "10.0.0.254", "00:00:00:00:00:aa");
     neighbourIs("Ethernet1", "10.0.0.253", "00:00:00:00:00:bb");
+    if (thirdSharesAa) neighbourIs("Ethernet1", "10.0.0.252", "00:00:00:00:00:aa");
     vrfL3StatusIs("red", 1);
     rootIs();
-    configDir->configIs(key("red", "10.0.0.1", "Ethernet1"));
-    configDir->configIs(key("red", "10.0.0.2", "Ethernet1"));
+    for (const auto& [nexthop, via] : viaOf) configDir->configIs(key("red", nexthop, "Ethernet1"));
     resolver.run();
     std::vector<NexthopNhIndexResolverKey> published;
     auto client = TestSupport::recordChanges<NexthopNhIndexResolverKey>(
@@ -463,6 +467,20 @@ TEST_F(NexthopNhIndexResolverSmModuleStartTest,
   // that holds it without an index.
   expectFirstLostSecondKept(startModuleDisturbedOnStatus(
       2, [this](const std::string& via) { neighbourIs("Ethernet1", via, "00:00:00:00:00:cc"); }));
+}
+
+TEST_F(NexthopNhIndexResolverSmModuleStartTest,
+       NexthopLeavingAGroupThatKeepsAnotherWhileANewModuleStartsLosesItsStatus) {
+  // On the start's last status, 10.0.0.1's via loses its neighbour entry: the request leaves
+  // group aa, which keeps 10.0.0.3, and no watcher of aa exists yet to withdraw its status.
+  const std::vector<NexthopNhIndexResolverKey> published = startModuleDisturbedOnStatus(
+      3, [this](const std::string&) { neighbourDel("Ethernet1", "10.0.0.254"); }, true);
+  ASSERT_EQ(published.size(), 4u);
+  EXPECT_EQ(published.back(), key("red", "10.0.0.1", "Ethernet1"));
+  EXPECT_FALSE(statusDir->statusHas(key("red", "10.0.0.1", "Ethernet1")));
+  EXPECT_EQ(statusDir->status(key("red", "10.0.0.2", "Ethernet1")).nhIndex(), 6u);
+  EXPECT_EQ(statusDir->status(key("red", "10.0.0.3", "Ethernet1")).nhIndex(), 5u);
+  EXPECT_EQ(statusDir->statusCount(), 2u);
 }
 
 TEST_F(NexthopNhIndexResolverSmModuleStartTest,
