@@ -4,10 +4,13 @@
 // count its instructions alone: callgrind run with --toggle-collect='*measured*' counts only
 // what runs inside measured(), not the set-up or the untimed parts of an iteration. Each
 // measured call adds the units of work it covers (requests, iterations) to one total for the
-// process, trial runs included, which the benchmark reports as the counter "measured_units";
-// the script divides the count by it. No other function here or in a benchmark may have
-// "measured" in its name: entering one would toggle the count off.
+// process, trial runs included, which the benchmark reports as the counter "measured_units"
+// when the environment sets BENCH_MEASURED_UNITS (the script does, and runs one benchmark per
+// process); the script divides the count by it. No other function here or in a benchmark may
+// have "measured" in its name: entering one would toggle the count off.
 #include <benchmark/benchmark.h>
+
+#include <cstdlib>
 
 namespace Bench {
 
@@ -39,8 +42,10 @@ void timedLoop(benchmark::State& state, Body&& body) {
   unitsTimedSoFar() += static_cast<double>(state.iterations());
 }
 
-// Reports the total for tools/instr-bench.sh; call it once, after the timed loop.
+// Reports the total for tools/instr-bench.sh; call it once, after the timed loop. Left out of
+// other runs, where a total over every benchmark run so far would only mislead.
 inline void unitsTimedReport(benchmark::State& state) {
+  if (std::getenv("BENCH_MEASURED_UNITS") == nullptr) return;
   state.counters["measured_units"] = benchmark::Counter(unitsTimedSoFar());
 }
 

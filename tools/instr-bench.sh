@@ -26,7 +26,7 @@ mapfile -t names < <("$bench" --benchmark_list_tests --benchmark_filter="$filter
 
 printf '%-48s %14s\n' "benchmark" "instr/unit"
 for name in "${names[@]}"; do
-  if ! valgrind --tool=callgrind --callgrind-out-file="$work/out" --toggle-collect='*measured*' \
+  if ! BENCH_MEASURED_UNITS=1 valgrind --tool=callgrind --callgrind-out-file="$work/out" --toggle-collect='*measured*' \
       "$bench" --benchmark_filter="^${name}\$" --benchmark_format=csv >"$work/csv" 2>"$work/log"; then
     echo "instr-bench: $name failed under callgrind:" >&2
     tail -n 20 "$work/log" >&2
